@@ -1,0 +1,60 @@
+#include "mailhandler/mh_handler.h"
+
+#include "util/halyx_log.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <syslog.h>
+#include <unistd.h>
+
+int sig_sethandler(int sig, void (*handler)(int))
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = handler;
+    sa.sa_flags = 0;
+    sigemptyset(&sa.sa_mask);
+    if (sigaction(sig, &sa, nullptr) != 0) {
+        halyx_log(3, "set signal(%d) handler failed - %s", sig, strerror(errno));
+        return 0;
+    }
+    return 1;
+}
+
+int sig_ignore(int sig)
+{
+    return sig_sethandler(sig, SIG_IGN);
+}
+
+int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
+{
+    static const char usage[] = "Some args not defined. Use %s <CONTEXT> <FROM> <TO>\n";
+
+    /* logging first, so that even the usage error reaches syslog */
+    halyx_log_init(nullptr, 14, LOG_MAIL, HALYX_LOG_TRACE, nullptr);
+
+    if (argc < 4 || argv[3] == nullptr) {
+        const char *prog = argc > 0 && argv[0] != nullptr ? argv[0] : "";
+        halyx_log(3, usage, prog);
+        fprintf(stderr, usage, prog);
+        return 255;
+    }
+
+    ctx->from = argv[2];
+    const char *at = strchr(argv[2], '@');
+    ctx->from_domain = at != nullptr ? at + 1 : "";
+    ctx->recipients = &argv[3];
+    ctx->context = argv[1];
+
+    if (gethostname(ctx->hostname, sizeof(ctx->hostname)) != 0) {
+        halyx_log(3, "Unable to get hostname");
+        return 255;
+    }
+
+    if (!sig_ignore(SIGPIPE) || !sig_ignore(SIGINT)) {
+        halyx_log(3, "System error: %s", strerror(errno));
+        return 255;
+    }
+    return 0;
+}

@@ -1,0 +1,16 @@
+import os
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import harness  # noqa: E402
+
+
+@pytest.fixture
+def sandbox(tmp_path):
+    binary = os.environ.get("KEYSEAL_BIN")
+    assert binary, "KEYSEAL_BIN names the keyseal binary under test"
+    sb = harness.Sandbox(tmp_path, os.path.abspath(binary))
+    yield sb
+    sb.close()

@@ -1,0 +1,229 @@
+#include "util/halyx_string.h"
+
+#include "util/halyx_log.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+enum { STRING_INITIAL = 80, STRING_MIN_GROWTH = 80 };
+
+char *string_init(char **buffer, size_t *room)
+{
+    if (*buffer != nullptr) return *buffer;
+    *room = STRING_INITIAL;
+    char *b = (char *)malloc(STRING_INITIAL);
+    if (b == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    b[0] = '\0';
+    *room = STRING_INITIAL - 1;
+    return *buffer = b;
+}
+
+char *string_reserve(char **buffer, size_t *room, size_t need)
+{
+    if (*room >= need) return *buffer;
+    size_t grow = need - *room;
+    if (grow < STRING_MIN_GROWTH) grow = STRING_MIN_GROWTH;
+    size_t used = strlen(*buffer) + 1;
+    size_t size = *room + used;
+    if (size < used || size + grow < size) {
+        errno = ERANGE;
+        return nullptr;
+    }
+    char *b = (char *)realloc(*buffer, size + grow);
+    if (b == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    *room += grow;
+    return *buffer = b;
+}
+
+char *string_append(char **buffer, size_t *room, const char *s)
+{
+    size_t len = strlen(s);
+    if (string_init(buffer, room) == nullptr || string_reserve(buffer, room, len) == nullptr)
+        return nullptr;
+    strcat(*buffer, s);
+    *room -= len;
+    return *buffer;
+}
+
+char *string_append_fmt(char **buffer, size_t *room, const char *fmt, ...)
+{
+    if (string_init(buffer, room) == nullptr) return nullptr;
+    size_t used = strlen(*buffer);
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(*buffer + used, *room + 1, fmt, ap);
+    va_end(ap);
+    if (n < 0) return nullptr;
+    if ((size_t)n >= *room + 1) {
+        if (string_reserve(buffer, room, (size_t)n) == nullptr) return nullptr;
+        va_start(ap, fmt);
+        n = vsnprintf(*buffer + used, *room + 1, fmt, ap);
+        va_end(ap);
+        if (n < 0 || (size_t)n >= *room + 1) return nullptr;
+    }
+    *room -= (size_t)n;
+    return *buffer;
+}
+
+char **string_to_mas(char ***array, const char *s)
+{
+    size_t n = 0;
+    while (*array != nullptr && (*array)[n] != nullptr)
+        n++;
+    char **grown = (char **)realloc(*array, (n + 3) * sizeof(char *));
+    if (grown == nullptr) {
+        halyx_log(3, "System error: %s\n", strerror(errno));
+        return nullptr;
+    }
+    *array = grown;
+    grown[n] = nullptr;
+    char *copy = strdup(s);
+    if (copy == nullptr) {
+        halyx_log(3, "System error: %s\n", strerror(errno));
+        free_array(array);
+        return nullptr;
+    }
+    grown[n] = copy;
+    grown[n + 1] = nullptr;
+    return grown;
+}
+
+char **string_split(const char *s, const char *delimiters)
+{
+    char *work = strdup(s);
+    if (work == nullptr) {
+        halyx_log(3, "System error: %s\n", strerror(errno));
+        return nullptr;
+    }
+    char **out = nullptr;
+    char *p = work;
+    for (;;) {
+        p += strspn(p, delimiters);
+        char *end = strpbrk(p, delimiters);
+        if (end != nullptr) *end = '\0';
+        if (string_to_mas(&out, p) == nullptr) {
+            halyx_log(3, "Unable to add string into array");
+            free_array(&out);
+            free(work);
+            return nullptr;
+        }
+        if (end == nullptr) break;
+        p = end + 1;
+    }
+    free(work);
+    return out;
+}
+
+void free_array(char ***array)
+{
+    if (*array == nullptr) return;
+    for (char **p = *array; *p != nullptr; p++) {
+        free(*p);
+        *p = nullptr;
+    }
+    free(*array);
+    *array = nullptr;
+}
+
+int line_parse(line_sections *ls, const char *line)
+{
+    int count = 1;
+    int quoted = 0, parens = 0, brackets = 0;
+    size_t i = 0;
+
+    ls->sections[0] = ls->text;
+    for (; line[i] != '\0' && i < LINE_PARSE_MAX_TEXT; i++) {
+        char c = line[i];
+        ls->text[i] = c;
+        if (c == '"') {
+            quoted = !quoted;
+        } else if (quoted) {
+            continue;
+        } else if (c == '(') {
+            parens++;
+        } else if (c == ')') {
+            if (parens > 0) parens--;
+        } else if (c == '[') {
+            brackets++;
+        } else if (c == ']') {
+            if (brackets > 0) brackets--;
+        } else if ((c == ' ' || c == '\t') && parens == 0 && brackets == 0) {
+            ls->text[i] = '\0';
+            ls->sections[count++] = &ls->text[i + 1];
+            if (count > LINE_PARSE_MAX_SECTIONS) return -1;
+        }
+    }
+    ls->text[i] = '\0';
+    ls->count = count;
+    return count;
+}
+
+char *get_section(line_sections *ls, int i)
+{
+    return i < ls->count ? ls->sections[i] : nullptr;
+}
+
+char *get_section_by_prefix(line_sections *ls, const char *prefix)
+{
+    size_t len = strlen(prefix);
+    for (int i = 0; i < ls->count; i++)
+        if (strncmp(ls->sections[i], prefix, len) == 0) return ls->sections[i];
+    return nullptr;
+}
+
+char *halyx_rtrim(char *s)
+{
+    size_t len = strlen(s);
+    while (len > 0 && isspace((unsigned char)s[len - 1]))
+        s[--len] = '\0';
+    return s;
+}
+
+char *halyx_rtrim_symbol(char *s, int c)
+{
+    size_t len = strlen(s);
+    while (len > 0 && s[len - 1] == (char)(unsigned char)c)
+        s[--len] = '\0';
+    return s;
+}
+
+char *halyx_trim(char *s)
+{
+    halyx_rtrim(s);
+    while (isspace((unsigned char)*s))
+        s++;
+    return s;
+}
+
+/* strip_str - trims only blanks in front, but blanks, CR and LF behind */
+char *strip_str(char *s)
+{
+    size_t len = strlen(s);
+    while (len > 0 && (s[len - 1] == ' ' || s[len - 1] == '\r' || s[len - 1] == '\n'))
+        s[--len] = '\0';
+    while (*s == ' ')
+        s++;
+    return s;
+}
+
+size_t strlcpy(char *dst, const char *src, size_t size)
+{
+    size_t len = strlen(src);
+    if (len < size) {
+        memcpy(dst, src, len + 1);
+    } else if (size != 0) {
+        memcpy(dst, src, size - 1);
+        dst[size - 1] = '\0';
+    }
+    return len;
+}
