@@ -1,0 +1,204 @@
+#include "mailhandler/mail_me.h"
+
+#include "util/halyx_log.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+enum { COPY_CHUNK = 8192 };
+
+/* spool_file - make a new spool file; returns the stream or NULL with *fd set (-1 if
+ * mkstemp failed) so that the caller can tell which step failed */
+static FILE *spool_file(char *path, int *fd)
+{
+    *fd = mkstemp(path);
+    return *fd < 0 ? nullptr : fdopen(*fd, "w");
+}
+
+mail_me *mail_stdin_to_tmpfile(void)
+{
+    mail_me *me = (mail_me *)calloc(1, sizeof(*me));
+    if (me == nullptr) {
+        halyx_log(3, "cannot allocate memory for mail data structure");
+        return nullptr;
+    }
+    me->spool_path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
+    me_header_init(&me->headers);
+
+    int fd;
+    FILE *spool = spool_file(me->spool_path, &fd);
+    if (fd < 0) {
+        halyx_log(3, "cannot create temporary file '%s': (%d) %s", me->spool_path, errno,
+                  strerror(errno));
+        /* no file of ours stands behind the path: never unlink it */
+        free(me->spool_path);
+        me->spool_path = nullptr;
+        mail_me_free(me);
+        return nullptr;
+    }
+    if (spool == nullptr) {
+        halyx_log(3, "cannot open temporary file '%s': (%d) %s", me->spool_path, errno,
+                  strerror(errno));
+        close(fd);
+        mail_me_free(me);
+        return nullptr;
+    }
+
+    const char *failure = nullptr;
+    if (mail_header_read(stdin, me) != 0)
+        failure = "cannot parse the e-mail's envelope.";
+    else if (mail_header_write(spool, me) != 0)
+        failure = "cannot save the e-mail's headers.";
+    else if (write_fp_to_fp(stdin, spool) != 0)
+        failure = "cannot save the e-mail's body.";
+    /* a full disk may show only when the last buffer is flushed */
+    if (fclose(spool) != 0 && failure == nullptr) failure = "cannot save the e-mail's body.";
+    if (failure != nullptr) {
+        halyx_log(3, "%s", failure);
+        mail_me_free(me);
+        return nullptr;
+    }
+    return me;
+}
+
+int mail_tmpfile_replace(mail_me *me)
+{
+    FILE *old = fopen(me->spool_path, "r");
+    if (old == nullptr) {
+        halyx_log(3, "Unable to open file '%s': %s", me->spool_path, strerror(errno));
+        return -1;
+    }
+    mail_header_skip(old);
+
+    char *path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
+    int fd;
+    FILE *out = spool_file(path, &fd);
+    if (fd < 0) {
+        halyx_log(3, "cannot create temporary file to deliver email '%s'- (%d) %s", path, errno,
+                  strerror(errno));
+        fclose(old);
+        free(path);
+        return -1;
+    }
+
+    bool ok = out != nullptr && mail_header_write(out, me) == 0 && write_fp_to_fp(old, out) == 0;
+    if (out != nullptr)
+        ok = fclose(out) == 0 && ok;
+    else
+        close(fd);
+    fclose(old);
+    if (!ok) {
+        halyx_log(3, "cannot write e-mail into '%s'.", path);
+        unlink(path);
+        free(path);
+        return -1;
+    }
+    unlink(me->spool_path);
+    free(me->spool_path);
+    me->spool_path = path;
+    return 0;
+}
+
+int mail_tmpfile_to_stdout(mail_me *me)
+{
+    FILE *in = fopen(me->spool_path, "r");
+    if (in == nullptr) return -1;
+    mail_header_skip(in);
+    if (mail_header_write(stdout, me) != 0) {
+        halyx_log(3, "cannot write the e-mail's envelope into '%s'.", me->spool_path);
+        fclose(in);
+        return -1;
+    }
+    /* the body's fate is logged, not returned: the chain has the headers already */
+    if (write_fp_to_fp(in, stdout) != 0 || fflush(stdout) != 0)
+        halyx_log(3, "cannot write the e-mail's body into '%s'.", me->spool_path);
+    fclose(in);
+    return 0;
+}
+
+void mail_me_free(mail_me *me)
+{
+    if (me == nullptr) return;
+    if (me->spool_path != nullptr) unlink(me->spool_path);
+    free(me->spool_path);
+    me_header_free(&me->headers);
+    free(me);
+}
+
+char *stdin_to_tmpfile(void)
+{
+    char *path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
+    int fd = mkstemp(path);
+    if (fd < 0) {
+        halyx_log(3, "cannot create temporary file - (%d) %s", errno, strerror(errno));
+        free(path);
+        return nullptr;
+    }
+    const char *failure = nullptr;
+    int err = 0;
+    if (write_fd_to_fd(STDIN_FILENO, fd, 0) != 0) {
+        failure = "cannot save message from stdin to temporary file";
+    } else if (fsync(fd) != 0) {
+        err = errno;
+        failure = "cannot fsync temporary file - (%d) %s";
+    }
+    if (failure != nullptr) {
+        close(fd);
+    } else if (close(fd) != 0) {
+        err = errno;
+        failure = "cannot close temporary file - (%d) %s";
+    }
+    if (failure == nullptr) return path;
+    if (err != 0)
+        halyx_log(3, failure, err, strerror(err));
+    else
+        halyx_log(3, "%s", failure);
+    unlink(path);
+    free(path);
+    return nullptr;
+}
+
+int write_fp_to_fp(FILE *in, FILE *out)
+{
+    if (in == nullptr || out == nullptr) return -1;
+    char buf[COPY_CHUNK];
+    bool eof;
+    do {
+        size_t n = fread(buf, 1, sizeof(buf), in);
+        if (ferror(in)) return -1;
+        eof = feof(in) != 0;
+        if (fwrite(buf, 1, n, out) != n || ferror(out)) return -1;
+    } while (!eof);
+    return 0;
+}
+
+int write_fd_to_fd(int in, int out, size_t limit)
+{
+    if (in < 0 || out < 0) return -1;
+    char buf[COPY_CHUNK];
+    size_t copied = 0;
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof(buf));
+        if (n < 0) return -1;
+        if (n == 0) return 0;
+        if (limit != 0 && copied + (size_t)n >= limit) {
+            size_t rest = limit - copied;
+            return write_buffer(out, buf, rest) == (ssize_t)rest ? 0 : -1;
+        }
+        if (write_buffer(out, buf, (size_t)n) != n) return -1;
+        copied += (size_t)n;
+    }
+}
+
+ssize_t write_buffer(int fd, const void *data, size_t length)
+{
+    size_t done = 0;
+    while (done < length) {
+        ssize_t n = write(fd, (const char *)data + done, length - done);
+        if (n < 0) return -1;
+        done += (size_t)n;
+    }
+    return (ssize_t)done;
+}

@@ -1,0 +1,55 @@
+/*
+ * mail_me - the message spooled to a file, with its header block in memory.
+ *
+ * mail_stdin_to_tmpfile() reads standard input into a new spool file under
+ * MAIL_SPOOL_DIR (which must exist) and returns the record, or NULL after
+ * logging why.  The record owns its spool path, its header list and the spool
+ * file itself: mail_me_free() unlinks the file.  Bodies are streamed in
+ * 8192-byte chunks, never held in memory.
+ *
+ * int functions return 0 or -1; each logs its own failure at level 3.
+ */
+#ifndef MAIL_ME_H
+#define MAIL_ME_H
+
+#include "mailhandler/me_header.h"
+
+#include <stddef.h>
+#include <stdio.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define MAIL_SPOOL_DIR "/usr/local/hlx/handlers/spool"
+#define MAIL_SPOOL_TEMPLATE "%s/messageXXXXXX"
+
+typedef struct mail_me {
+    const char *line_end;    /* "\r\n" or "\n": the separator after the header block */
+    const char *fold_indent; /* "\t" or eight spaces */
+    char *spool_path;
+    me_header_list headers;
+} mail_me;
+
+mail_me *mail_stdin_to_tmpfile(void);
+/* mail_tmpfile_replace - rewrite the spool file from the header list; on failure
+ * the record keeps the old, untouched file */
+int mail_tmpfile_replace(mail_me *me);
+/* mail_tmpfile_to_stdout - -1 only when the header block cannot be written;
+ * a failed body copy is logged and still gives 0 */
+int mail_tmpfile_to_stdout(mail_me *me);
+void mail_me_free(mail_me *me);
+
+/* stdin_to_tmpfile - raw copy of stdin into a new spool file; owned path or NULL */
+char *stdin_to_tmpfile(void);
+int write_fp_to_fp(FILE *in, FILE *out);
+/* write_fd_to_fd - copy until end of input, or exactly limit bytes when limit != 0 */
+int write_fd_to_fd(int in, int out, size_t limit);
+ssize_t write_buffer(int fd, const void *data, size_t length);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,197 @@
+#include "mailhandler/me_header.h"
+
+#include "mailhandler/mail_me.h"
+#include "util/halyx_log.h"
+#include "util/halyx_string.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+
+int me_header_init(me_header_list *list)
+{
+    list->first = nullptr;
+    list->last = &list->first;
+    return 0;
+}
+
+int me_header_add(me_header_list *list, char before, me_header *ref, const char *text)
+{
+    me_header *node = (me_header *)malloc(sizeof(*node));
+    char *copy = node != nullptr ? strdup(text) : nullptr;
+    if (copy == nullptr) {
+        halyx_log(3, "System error: %s", strerror(errno));
+        free(node);
+        return -1;
+    }
+    node->text = copy;
+
+    if (ref == nullptr && before)
+        ref = list->first; /* becomes the first node (also of an empty list) */
+    if (ref != nullptr && before) {
+        node->next = ref;
+        node->prev = ref->prev;
+        *ref->prev = node;
+        ref->prev = &node->next;
+        return 0;
+    }
+    if (ref == nullptr) { /* append */
+        node->next = nullptr;
+        node->prev = list->last;
+        *list->last = node;
+        list->last = &node->next;
+        return 0;
+    }
+    node->next = ref->next;
+    node->prev = &ref->next;
+    if (ref->next != nullptr)
+        ref->next->prev = &node->next;
+    else
+        list->last = &node->next;
+    ref->next = node;
+    return 0;
+}
+
+me_header *me_header_remove(me_header_list *list, me_header *node)
+{
+    me_header *next = node->next;
+    if (next != nullptr)
+        next->prev = node->prev;
+    else
+        list->last = node->prev;
+    *node->prev = next;
+    free(node->text);
+    free(node);
+    return next;
+}
+
+void me_header_free(me_header_list *list)
+{
+    if (list == nullptr) return;
+    while (list->first != nullptr)
+        me_header_remove(list, list->first);
+}
+
+me_header *me_header_cut(me_header_list *list, me_header *node)
+{
+    me_header *next = me_header_remove(list, node);
+    while (next != nullptr && isspace((unsigned char)next->text[0]))
+        next = me_header_remove(list, next);
+    return next;
+}
+
+static bool is_blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+/* starts_header - node begins a header (not a continuation) named name, any case */
+static bool starts_header(const me_header *node, const char *name, size_t len)
+{
+    return !is_blank(node->text[0]) && strncasecmp(node->text, name, len) == 0;
+}
+
+void me_header_cut_all_with_name(me_header_list *list, const char *name)
+{
+    size_t len = strlen(name);
+    if (len == 0) return;
+    me_header *node = list->first;
+    while (node != nullptr)
+        node = starts_header(node, name, len) ? me_header_cut(list, node) : node->next;
+}
+
+int me_is_header_exists(me_header_list *list, const char *name)
+{
+    size_t len = strlen(name);
+    if (len == 0) return 0;
+    for (me_header *node = list->first; node != nullptr; node = node->next)
+        if (starts_header(node, name, len)) return 1;
+    return 0;
+}
+
+int me_is_header_with_data_exists(me_header_list *list, const char *text)
+{
+    for (me_header *node = list->first; node != nullptr; node = node->next)
+        if (strcmp(node->text, text) == 0) return 1;
+    return 0;
+}
+
+me_header *me_header_get(me_header_list *list, me_header *start, const char *name, char **out)
+{
+    *out = nullptr;
+    size_t len = strlen(name);
+    me_header *node = start != nullptr ? start : list->first;
+    while (node != nullptr && strncasecmp(node->text, name, len) != 0)
+        node = node->next;
+    if (node == nullptr) return nullptr;
+
+    char *value = nullptr;
+    size_t room = 0;
+    char *piece = strdup(node->text + len);
+    bool ok = piece != nullptr && string_append(&value, &room, halyx_trim(piece)) != nullptr;
+    free(piece);
+    for (node = node->next; ok && node != nullptr; node = node->next) {
+        if (!is_blank(node->text[0])) {
+            *out = value;
+            return node;
+        }
+        piece = strdup(node->text);
+        ok = piece != nullptr && string_append(&value, &room, halyx_trim(piece)) != nullptr;
+        free(piece);
+    }
+    if (ok) /* the header was the last one: its value stands, no next header */
+        *out = value;
+    else
+        free(value);
+    return nullptr;
+}
+
+/* empty_line - the separator test; a piece shorter than the pattern compares
+ * over its own length, so a final lone "\r" counts as the CRLF empty line */
+static const char *empty_line(const char *line)
+{
+    size_t len = strlen(line);
+    if (strncmp(line, "\r\n", len < 3 ? len : 3) == 0) return "\r\n";
+    if (strncmp(line, "\n", len < 2 ? len : 2) == 0) return "\n";
+    return nullptr;
+}
+
+static const char EIGHT_SPACES[] = "        ";
+
+int mail_header_read(FILE *in, mail_me *me)
+{
+    char buf[ME_HEADER_LINE_BUFFER];
+    while (fgets(buf, sizeof(buf), in) != nullptr) {
+        const char *sep = empty_line(buf);
+        if (sep != nullptr) {
+            me->line_end = sep;
+            break;
+        }
+        if (me_header_add(&me->headers, 0, nullptr, buf) != 0) return -1;
+        if (me->fold_indent == nullptr && (buf[0] == '\t' || buf[0] == ' '))
+            me->fold_indent = buf[0] == '\t' ? "\t" : EIGHT_SPACES;
+    }
+    if (ferror(in)) return -1;
+    if (me->fold_indent == nullptr) me->fold_indent = EIGHT_SPACES;
+    if (me->line_end == nullptr) me->line_end = "\n";
+    return 0;
+}
+
+int mail_header_write(FILE *out, mail_me *me)
+{
+    for (me_header *node = me->headers.first; node != nullptr; node = node->next) {
+        size_t len = strlen(node->text);
+        if (fwrite(node->text, 1, len, out) != len) return -1;
+    }
+    size_t len = strlen(me->line_end);
+    return fwrite(me->line_end, 1, len, out) == len ? 0 : -1;
+}
+
+void mail_header_skip(FILE *in)
+{
+    char buf[ME_HEADER_LINE_BUFFER];
+    while (fgets(buf, sizeof(buf), in) != nullptr)
+        if (empty_line(buf) != nullptr) return;
+}
