@@ -12,6 +12,7 @@ import dkim
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SANDBOX = os.path.join(HERE, "sandbox.py")
+SANITIZER_VARS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 SYSLOG_RE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?)\[(\d+)\]: (.*)", re.S)
 
 
@@ -52,7 +53,11 @@ def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False):
         cmd += ["--argv0", argv0]
     if keep_env:
         cmd.append("--keep-env")
-    for k, v in (env or {}).items():
+    env = dict(env or {})
+    for k in SANITIZER_VARS:  # a sanitizer build needs its options; keyseal reads none of them
+        if k in os.environ and not keep_env:
+            env.setdefault(k, os.environ[k])
+    for k, v in env.items():
         cmd += ["--env", f"{k}={v}"]
     return cmd + ["--"] + list(argv)
 

@@ -1,0 +1,44 @@
+/*
+ * dk_sign - one DKIM signature over a spooled message, through libopendkim.
+ *
+ * keyseal() opens its own library instance and signing handle, streams the
+ * message (LF line ends repaired to CR LF) and returns a result record that
+ * the caller owns and releases with dk_result_free():
+ *   status 0: text is the complete "DKIM-Signature: ..." header, every line
+ *             ended by "\n" (no CR), continuation lines starting with TAB;
+ *   else:     a DKIM_STAT code, text a one-line message or NULL.
+ * The stream is neither rewound nor closed.  Not thread-safe.
+ */
+#ifndef DK_SIGN_H
+#define DK_SIGN_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#if defined(__cplusplus) && !defined(_Bool)
+#define _Bool bool /* libopendkim's header uses the C spelling */
+#endif
+#include <dkim.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct dk_result {
+    int32_t status;
+    char *text;
+} dk_result;
+
+dk_result *keyseal(const char *domain, const char *selector, const char *key, FILE *message);
+/* dk_init - a library instance with flags 0x600 | flags, or NULL with result filled */
+DKIM_LIB *dk_init(dk_result *result, unsigned int flags);
+/* feed_message - stream the message and finish it; status/text describe the outcome */
+dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result);
+dk_result *dk_result_init(void);
+void dk_result_free(dk_result *result);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
