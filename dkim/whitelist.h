@@ -1,0 +1,20 @@
+/*
+ * whitelist - the C question of the handler: is this client address on the
+ * DKIM sign whitelist file?  Never fails: any trouble is logged and answers false.
+ */
+#ifndef DKIM_WHITELIST_H
+#define DKIM_WHITELIST_H
+
+#include <stdbool.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+bool dkim_whitelist_contains(const char *ip);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,31 @@
+/*
+ * file_utils - directory chains made with owner and mode, and files replaced
+ * atomically through a temporary copy beside them.
+ *
+ * make_dir_p() always returns 0: an mkdir failure other than EEXIST ends the
+ * process (status 1) through messlog2; a failed chown is reported and ignored.
+ * edit_file_safe() returns 0 when the file was replaced, the callback's
+ * non-zero result when it refused (the file stays as it was), or -1 with errno.
+ */
+#ifndef FILE_UTILS_H
+#define FILE_UTILS_H
+
+#include <stdio.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef int (*edit_file_fn)(FILE *old, FILE *out, void *data);
+
+int make_dir_p(const char *dir, uid_t owner, gid_t group, mode_t mode);
+int make_dir_rec(const char *dir, uid_t owner, gid_t group, mode_t mode);
+/* edit_file_safe - write path anew through edit(); old is NULL when path did not exist */
+int edit_file_safe(const char *path, edit_file_fn edit, void *data, int must_exist);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
