@@ -45,8 +45,11 @@ check: build build-asan
 demo: build
 	/usr/bin/python3 demo/demo.py $(BUILD)/keyseal
 
+# The key and spool paths are fixed in the binary; DESTDIR is honoured for them too.
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
+	install -d -m 0755 $(DESTDIR)/etc/domainkeys
+	install -d -m 1733 $(DESTDIR)/usr/local/hlx/handlers/spool
 
 clean:
 	rm -rf $(BUILD) $(ASAN)

@@ -1,13 +1,201 @@
-/* keyseal - the DKIM signing handler of the mail handler chain. */
+/*
+ * keyseal - the DKIM signing handler of the mail handler chain.
+ *
+ * keyseal CONTEXT FROM TO...   (message on standard input)
+ * Signs outbound mail of local users with the sender domain's key and writes
+ * the message back with the new DKIM-Signature header first.  Verdict: "PASS"
+ * and exit 0, "SKIP" and exit 5 (standard input not read), exit 255 on error.
+ */
+#include "dkim/dk_sign.h"
+#include "dkim/whitelist.h"
+#include "mailhandler/mail_me.h"
 #include "mailhandler/mh_handler.h"
 #include "util/halyx_log.h"
+#include "util/halyx_string.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+enum {
+    EXIT_SIGNED = 0,
+    EXIT_SKIPPED = 5,
+    EXIT_FAILED = 255,
+    KEY_BUFFER = 9216, /* a key file must be shorter than this */
+};
+
+static const char SIGNATURE_HEADER[] = "DKIM-Signature:";
+
+/* the spooled message, so that even an exit from deep inside removes its file */
+static mail_me *spooled;
+
+static void remove_spool_file(void)
+{
+    if (spooled != nullptr && spooled->spool_path != nullptr) unlink(spooled->spool_path);
+}
+
+/* may_sign - the signing policy; the first rule that holds decides */
+static bool may_sign(void)
+{
+    const char *v = getenv("PPP_INSIDE_SENDMAIL");
+    if (v != nullptr && strcmp(v, "1") == 0) {
+        halyx_log(6, "Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing", v);
+        return true;
+    }
+    v = getenv("SMTP_AUTHORIZED");
+    if (v != nullptr && *v != '\0') {
+        halyx_log(6, "Authorized user (SMTP_AUTHORIZED=%s) -> signing", v);
+        return true;
+    }
+    v = getenv("TCPREMOTEIP");
+    if (v != nullptr && *v != '\0' && dkim_whitelist_contains(v)) {
+        halyx_log(6, "Whitelisted TCPREMOTEIP=%s -> signing", v);
+        return true;
+    }
+    halyx_log(6, "Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing",
+              v != nullptr ? v : "NULL");
+    return false;
+}
+
+/* signs_for - the line carries a d= tag naming domain exactly; -1 if it cannot be parsed */
+static int signs_for(line_sections *ls, const char *text, const char *domain)
+{
+    if (line_parse(ls, text) < 0) return -1;
+    char *d = get_section_by_prefix(ls, "d=");
+    if (d == nullptr) return 0;
+    halyx_rtrim(d);
+    size_t len = strlen(d);
+    if (len > 0 && d[len - 1] == ';') d[len - 1] = '\0';
+    return strcmp(d + 2, domain) == 0;
+}
+
+/*
+ * remove_old_signatures - cut DKIM-Signature headers of the sender's domain.
+ * The search for d= runs on past the header's own lines, the cut starts where
+ * the search started, and the node after a cut is passed over: downstream
+ * verifiers and the chain's other handlers rely on exactly this result.
+ * Returns 1 when something was cut, 0 when not, -1 when a line cannot be parsed.
+ */
+static int remove_old_signatures(mail_me *me, const char *domain, line_sections *ls)
+{
+    int changed = 0;
+    me_header *node = me->headers.first;
+    while (node != nullptr) {
+        if (strncmp(node->text, SIGNATURE_HEADER, sizeof(SIGNATURE_HEADER) - 1) != 0) {
+            node = node->next;
+            continue;
+        }
+        int found = 0;
+        for (me_header *probe = node; probe != nullptr && found == 0; probe = probe->next)
+            found = signs_for(ls, probe->text, domain);
+        if (found < 0) return -1;
+        if (found == 0) return changed;
+        me_header *after = me_header_cut(&me->headers, node);
+        changed = 1;
+        node = after != nullptr ? after->next : nullptr;
+    }
+    return changed;
+}
+
+/* selector_from - "dkimsel=" anywhere in CONTEXT, up to ',' or the end; else "default" */
+static char *selector_from(const char *context)
+{
+    const char *p = strstr(context, "dkimsel=");
+    if (p == nullptr) return asprintf_safe("%s", "default");
+    p += strlen("dkimsel=");
+    return asprintf_safe("%.*s", (int)strcspn(p, ","), p);
+}
+
+/* read_key - the key file into key (KEY_BUFFER + 1 bytes); 0 or -1 after logging */
+static int read_key(const char *domain, const char *selector, char *key)
+{
+    char *path = asprintf_safe("/etc/domainkeys/%s/%s", domain, selector);
+    FILE *f = fopen(path, "r");
+    if (f == nullptr) {
+        halyx_log(3, "cannot get sender domain key from %s", path);
+        free(path);
+        return -1;
+    }
+    free(path);
+    /* unbuffered: no copy of the key is left behind in a stdio buffer */
+    setvbuf(f, nullptr, _IONBF, 0);
+    size_t n = fread(key, 1, KEY_BUFFER, f);
+    fclose(f);
+    if (n == KEY_BUFFER) {
+        halyx_log(3, "private key buffer is not big enough");
+        return -1;
+    }
+    key[n] = '\0';
+    return 0;
+}
+
+/* sign_message - sign the spool file and put the header first; 0 or -1 after logging */
+static int sign_message(mail_me *me, const char *domain, const char *selector, const char *key)
+{
+    FILE *msg = fopen(me->spool_path, "r");
+    if (msg == nullptr) {
+        halyx_log(3, "DKIM error: %s", "cannot reopen the spooled message");
+        return -1;
+    }
+    dk_result *r = keyseal(domain, selector, key, msg);
+    fclose(msg);
+    int rc = 0;
+    if (r->status != DKIM_STAT_OK) {
+        halyx_log(3, "DKIM error: %s", r->text != nullptr ? r->text : "no description");
+        rc = -1;
+    } else if (r->text == nullptr) {
+        halyx_log(3, "DKIM error: %s", "no signature header was made");
+        rc = -1;
+    } else if (me_header_add(&me->headers, 1, nullptr, r->text) != 0) {
+        rc = -1;
+    }
+    dk_result_free(r);
+    return rc;
+}
+
+/* handle - everything after spooling; the caller removes the spool file */
+static int handle(mh_handler_context *ctx, mail_me *me)
+{
+    line_sections ls;
+    int cut = remove_old_signatures(me, ctx->from_domain, &ls);
+    if (cut < 0 || (cut > 0 && mail_tmpfile_replace(me) != 0)) {
+        halyx_log(3, "Unable to modify the email's header");
+        return EXIT_FAILED;
+    }
+
+    char *selector = selector_from(ctx->context);
+    char key[KEY_BUFFER + 1];
+    int rc = read_key(ctx->from_domain, selector, key);
+    if (rc == 0) rc = sign_message(me, ctx->from_domain, selector, key);
+    explicit_bzero(key, sizeof(key));
+    free(selector);
+    if (rc != 0 || mail_tmpfile_to_stdout(me) != 0) return EXIT_FAILED;
+    fwrite("PASS", 1, 4, stderr);
+    return EXIT_SIGNED;
+}
 
 int main(int argc, char **argv)
 {
     mh_handler_context ctx;
     if (mh_handler_prepare(&ctx, argc, argv) != 0) {
         halyx_log(3, "Unable to intialize keyseal mail handler");
-        return 255;
+        return EXIT_FAILED;
     }
-    return 255;
+    if (!may_sign()) {
+        fwrite("SKIP", 1, 4, stderr);
+        return EXIT_SKIPPED;
+    }
+
+    atexit(remove_spool_file);
+    spooled = mail_stdin_to_tmpfile();
+    if (spooled == nullptr) {
+        halyx_log(3, "Unable to save email into the temporary file");
+        return EXIT_FAILED;
+    }
+    int status = handle(&ctx, spooled);
+    mail_me *me = spooled;
+    spooled = nullptr;
+    mail_me_free(me);
+    return status;
 }

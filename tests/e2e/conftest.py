@@ -14,3 +14,16 @@ def sandbox(tmp_path):
     sb = harness.Sandbox(tmp_path, os.path.abspath(binary))
     yield sb
     sb.close()
+
+
+@pytest.fixture(scope="session")
+def key():
+    """(PEM private key, base64 public key), made once per test session."""
+    return harness.generate_key(2048)
+
+
+@pytest.fixture
+def signer(sandbox, key):
+    """A sandbox holding example.com's key under the selector 'default'."""
+    sandbox.put_key("example.com", "default", key[0])
+    return sandbox
