@@ -26,7 +26,7 @@ def main():
     args = ["dkimsel=default", "alice@example.com", "bob@example.net"]
     with tempfile.TemporaryDirectory(prefix="keyseal-demo-") as root:
         sandbox = harness.Sandbox(root, binary)
-        pem, public = harness.generate_key(2048)
+        pem, _, public = harness.generate_key(2048)
         sandbox.put_key("example.com", "default", pem)
         result = sandbox.run(args, message, {"PPP_INSIDE_SENDMAIL": "1"})
         sandbox.close()

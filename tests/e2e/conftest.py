@@ -18,7 +18,7 @@ def sandbox(tmp_path):
 
 @pytest.fixture(scope="session")
 def key():
-    """(PEM private key, base64 public key), made once per test session."""
+    """(PEM private key, base64 DER private key, base64 public key), made once."""
     return harness.generate_key(2048)
 
 

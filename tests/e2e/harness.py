@@ -10,8 +10,7 @@ import threading
 
 import dkim
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SANDBOX = os.path.join(HERE, "sandbox.py")
+SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "sandbox.py")
 SANITIZER_VARS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 SYSLOG_RE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?)\[(\d+)\]: (.*)", re.S)
 
@@ -31,28 +30,19 @@ class Result:
     stdout: bytes
     stderr: bytes
     logs: list
-    spool: list  # file names left in the spool directory
-    stdin_left: int  # bytes of stdin the program did not read
+    spool: list  # names left in the spool directory
+    stdin_left: int  # bytes of standard input the program did not read
 
-    def texts(self, level=None):
-        return [l.text for l in self.logs if level is None or l.level == level]
-
-
-def namespace_cmd():
-    cmd = ["unshare", "--mount"]
-    if os.geteuid() != 0:
-        cmd.append("--map-root-user")
-    return cmd
+    def texts(self):
+        return [l.text for l in self.logs]
 
 
 def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False):
-    cmd = namespace_cmd() + ["/usr/bin/python3", SANDBOX, root]
-    if not spool:
-        cmd.append("--no-spool")
-    if argv0 is not None:
-        cmd += ["--argv0", argv0]
-    if keep_env:
-        cmd.append("--keep-env")
+    """The command that runs argv inside a private mount namespace rooted at root."""
+    cmd = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
+    cmd += ["/usr/bin/python3", SANDBOX, root] + ([] if spool else ["--no-spool"])
+    cmd += ["--argv0", argv0] if argv0 is not None else []
+    cmd += ["--keep-env"] if keep_env else []
     env = dict(env or {})
     for k in SANITIZER_VARS:  # a sanitizer build needs its options; keyseal reads none of them
         if k in os.environ and not keep_env:
@@ -64,8 +54,7 @@ def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False):
 
 class Sandbox:
     def __init__(self, root, binary):
-        self.root = str(root)
-        self.binary = binary
+        self.root, self.binary = str(root), binary
         for d in ("domainkeys", "spool"):
             os.makedirs(os.path.join(self.root, d), exist_ok=True)
         self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -77,94 +66,79 @@ class Sandbox:
         self.log.close()
 
     def put_key(self, domain, selector, data):
-        d = os.path.join(self.root, "domainkeys", domain)
-        os.makedirs(d, exist_ok=True)
-        with open(os.path.join(d, selector), "wb") as f:
+        os.makedirs(os.path.join(self.root, "domainkeys", domain), exist_ok=True)
+        with open(os.path.join(self.root, "domainkeys", domain, selector), "wb") as f:
             f.write(data)
 
     def put_whitelist(self, text):
         with open(os.path.join(self.root, "domainkeys", "whitelist"), "w") as f:
             f.write(text)
 
-    def _drain_log(self):
+    def _read_log(self):
         lines = []
         while True:
             try:
-                data = self.log.recv(65536)
+                m = SYSLOG_RE.match(self.log.recv(65536))
             except BlockingIOError:
                 return lines
-            m = SYSLOG_RE.match(data)
-            assert m, data
             pri = int(m.group(1))
             lines.append(LogLine(pri >> 3, pri & 7, m.group(2).decode(), int(m.group(3)),
                                  m.group(4).decode(errors="replace")))
 
     def run(self, args, stdin=b"", env=None, argv0="keyseal", spool=True):
-        self._drain_log()
+        self._read_log()
         r, w = os.pipe()
         fcntl.fcntl(w, fcntl.F_SETPIPE_SZ, 1 << 20)
-        keep = os.dup(r)  # to count what the program left unread
+        unread = os.dup(r)  # counts what the program left in the pipe
 
         def feed():
             try:
-                os.write(w, stdin) if len(stdin) <= (1 << 20) else _write_all(w, stdin)
+                view = memoryview(stdin)
+                while view:
+                    view = view[os.write(w, view):]
             except BrokenPipeError:
                 pass
-            finally:
-                os.close(w)
+            os.close(w)
 
         writer = threading.Thread(target=feed)
         writer.start()
-        proc = subprocess.Popen(sandbox_cmd(self.root, [self.binary] + list(args), env, argv0,
-                                            spool), stdin=r, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE)
+        proc = subprocess.Popen(sandbox_cmd(self.root, [self.binary] + args, env, argv0, spool),
+                                stdin=r, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         os.close(r)
-        out, err = proc.communicate(timeout=120)
-        os.set_blocking(keep, False)
+        out, err = proc.communicate(timeout=300)
+        os.set_blocking(unread, False)
         left = 0
         while True:
             try:
-                chunk = os.read(keep, 1 << 16)
-            except BlockingIOError:
-                if not writer.is_alive():
-                    break
+                chunk = os.read(unread, 1 << 16)
+            except BlockingIOError:  # the writer is still filling the pipe
                 writer.join(0.01)
                 continue
             if not chunk:
                 break
             left += len(chunk)
         writer.join()
-        os.close(keep)
-        spool_dir = os.path.join(self.root, "spool")
-        return Result(proc.returncode, out, err, self._drain_log(),
-                      sorted(os.listdir(spool_dir)) if spool else [], left)
-
-
-def _write_all(fd, data):
-    view = memoryview(data)
-    while view:
-        view = view[os.write(fd, view):]
+        os.close(unread)
+        return Result(proc.returncode, out, err, self._read_log(),
+                      sorted(os.listdir(os.path.join(self.root, "spool"))) if spool else [], left)
 
 
 def generate_key(bits=2048):
-    """(PEM private key, base64 DER of the public key) made by the openssl tool."""
+    """(PEM private key, base64 DER private key, base64 DER public key) from the openssl tool."""
     pem = subprocess.run(["openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
                           f"rsa_keygen_bits:{bits}"], check=True, capture_output=True).stdout
-    der = subprocess.run(["openssl", "pkey", "-pubout", "-outform", "DER"], input=pem,
-                         check=True, capture_output=True).stdout
-    return pem, base64.b64encode(der)
+    der = [subprocess.run(["openssl", "pkey", *opts, "-outform", "DER"], input=pem, check=True,
+                          capture_output=True).stdout for opts in ([], ["-pubout"])]
+    return pem, base64.b64encode(der[0]), base64.b64encode(der[1])
 
 
-def verify(message, public_b64, domain=None, selector=None):
-    """dkimpy's verdict on the first signature, the key served by a lookup function."""
+def verify(message, public_b64, domain, selector):
+    """dkimpy's verdict on the first signature; the key comes from a lookup function."""
     asked = []
 
     def lookup(name, timeout=5):
-        asked.append(name)
+        asked.append(name.decode() if isinstance(name, bytes) else name)
         return b"v=DKIM1; k=rsa; p=" + public_b64
 
     ok = dkim.verify(message, dnsfunc=lookup)
-    if ok and domain is not None:
-        want = f"{selector}._domainkey.{domain}."
-        assert [n.decode() if isinstance(n, bytes) else n for n in asked] == [want], asked
-    return ok
+    return ok and asked == [f"{selector}._domainkey.{domain}."]

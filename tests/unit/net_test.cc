@@ -11,16 +11,15 @@ using halyx::net::IPv4Network;
 namespace
 {
 
-// Whitelist words: what they are read as, and how they are written back.
+// Whitelist words: how they are read, and how they are written back.
 TEST(ParseAddress, Words)
 {
-    struct {
+    const struct {
         const char *word;
         int family;
         const char *written;
     } cases[] = {
         {"10.0.0.1", AF_INET, "10.0.0.1/0"},
-        {"10.0.0.0/8", AF_INET, "10.0.0.0/8"},
         {"[2001:db8::]/48", AF_INET6, "2001:db8::/48"},
         {"2001:DB8::1/64", AF_INET6, "2001:db8::1/64"},
         {"[::1]", AF_INET6, "::1/0"},
@@ -29,9 +28,9 @@ TEST(ParseAddress, Words)
         {"relayhost", AF_UNSPEC, "relayhost"},
         {"10.0.0.1:25", AF_UNSPEC, "10.0.0.1:25"},
         {"[10.0.0.1]", AF_UNSPEC, "[10.0.0.1]"},
-        {"10.1/8", AF_UNSPEC, "10.1/8"}, // dotted quad only
+        {"10.1/8", AF_UNSPEC, "10.1/8"},
+        // the prefix goes through the strict number reader; a refusal leaves 0
         {"192.168.0.0/255.255.255.0", AF_INET, "192.168.0.0/0"},
-        // the prefix text goes through the strict number reader; a failure leaves 0
         {"10.0.0.0/abc", AF_INET, "10.0.0.0/0"},
         {"10.0.0.0/65536", AF_INET, "10.0.0.0/0"},
         {"10.0.0.0/65535", AF_INET, "10.0.0.0/65535"},
@@ -41,32 +40,26 @@ TEST(ParseAddress, Words)
         {"10.0.0.0/+ 24", AF_INET, "10.0.0.0/24"},
         {"10.0.0.0/24\v", AF_INET, "10.0.0.0/0"},
         {"10.0.0.0/-1", AF_INET, "10.0.0.0/0"},
-        {"10.0.0.0/24x", AF_INET, "10.0.0.0/0"},
         {"10.0.0.0/2 4", AF_INET, "10.0.0.0/0"},
         {"10.0.0.0/+", AF_INET, "10.0.0.0/0"},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.word);
         IPAnyNetwork n(c.word);
-        EXPECT_EQ(n.family(), c.family);
-        EXPECT_EQ(n.to_string(), c.written);
+        EXPECT_EQ(n.family(), c.family) << c.word;
+        EXPECT_EQ(n.to_string(), c.written) << c.word;
     }
-    // the zone stays in the text (as the interface's name where the machine has one)
-    IPAnyNetwork zoned("fe80::1%2/64");
-    EXPECT_EQ(zoned.family(), AF_INET6);
-    EXPECT_EQ(zoned.to_string().rfind("fe80::1%", 0), 0u);
-    EXPECT_EQ(zoned.to_string().substr(zoned.to_string().size() - 3), "/64");
+    // the zone stays in the text (by the interface's name where the machine has one)
+    EXPECT_EQ(IPAnyNetwork("fe80::1%2/64").to_string().rfind("fe80::1%", 0), 0u);
 }
 
 TEST(IPNetwork, Containment)
 {
-    struct {
+    const struct {
         const char *word, *ip;
         bool inside;
     } cases[] = {
         {"10.1.2.3", "10.1.2.3", true},
         {"10.1.2.3", "10.1.2.4", false},
-        {"10.1.2.3/0", "10.1.2.4", false},
         {"10.0.0.0/8", "10.200.1.1", true},
         {"10.0.0.0/8", "11.0.0.0", false},
         {"10.0.0.0/99", "10.0.0.0", true},
@@ -74,67 +67,52 @@ TEST(IPNetwork, Containment)
         {"10.0.0.0/8", "::ffff:10.0.0.1", false},
         {"2001:db8::/32", "2001:db8:ffff::1", true},
         {"2001:db8::/32", "2001:db9::1", false},
-        {"2001:db8::1", "::1", true}, // IPv6 without prefix admits every IPv6 client
+        {"2001:db8::1", "::1", true}, // IPv6 without a prefix admits every IPv6 client
         {"2001:db8::1", "10.0.0.1", false},
         {"2001:db8::/33", "2001:db8:7fff::1", true},
         {"2001:db8::/33", "2001:db8:8000::1", false},
-        {"2001:db8::1/128", "2001:db8::1", true},
         {"2001:db8::1/128", "2001:db8::2", false},
-        {"fe80::1%2/64", "fe80::1", false}, // inet_pton refuses the zone: contains nothing
+        {"fe80::1%2/64", "fe80::1", false}, // inet_pton refuses the zone
         {"relayhost", "relayhost", false},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.word) + " " + c.ip);
-        EXPECT_EQ(IPAnyNetwork(c.word).contains(c.ip), c.inside);
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(IPAnyNetwork(c.word).contains(c.ip), c.inside) << c.word << " " << c.ip;
 }
 
-TEST(IPNetwork, EqualityAndText)
+TEST(IPNetwork, EqualityTextAndMask)
 {
     EXPECT_TRUE(IPAnyNetwork("2001:DB8::1", 64).addr_eq(IPAnyNetwork("2001:db8::1/48")));
     EXPECT_FALSE(IPAnyNetwork("2001:DB8::1", 64) == IPAnyNetwork("2001:db8::1", 64));
     EXPECT_TRUE(IPAnyNetwork("10.0.0.0", 8) == IPAnyNetwork("10.0.0.0/8"));
-    EXPECT_FALSE(IPAnyNetwork("10.0.0.0", 8) == IPAnyNetwork("10.0.0.0", 16));
     EXPECT_FALSE(IPAnyNetwork("10.0.0.1").addr_eq(IPAnyNetwork("::ffff:10.0.0.1")));
     EXPECT_FALSE(IPAnyNetwork("hosta").addr_eq(IPAnyNetwork("hostb")));
-    EXPECT_TRUE(
-        IPAnyNetwork("bogus", 1).addr_eq(IPAnyNetwork("0.0.0.0", 2))); // both unparsable/zero
-
-    EXPECT_EQ(IPAnyNetwork("10.0.0.1", 24).to_string(), "10.0.0.1/24");
+    EXPECT_TRUE(IPAnyNetwork("bogus", 1).addr_eq(IPAnyNetwork("0.0.0.0", 2)));
     EXPECT_EQ(IPAnyNetwork("::1", 128).to_quoted_string(), "[::1]/128");
     EXPECT_EQ(IPAnyNetwork("10.0.0.1", 24).to_quoted_string(), "10.0.0.1/24");
-    EXPECT_EQ(IPAnyNetwork("", 3).family(), AF_INET);
-    EXPECT_TRUE(IPv4Network("127.0.0.2", 8).isLocal());
-}
 
-TEST(IPNetwork, Netmask)
-{
-    struct {
+    const struct {
         const char *mask;
         uint16_t prefix;
         const char *back;
-    } cases[] = {
-        {"255.255.255.0", 24, "255.255.255.0"}, {"255.255.255.255", 32, "255.255.255.255"},
-        {"0.0.0.0", 0, "255.255.255.255"},      {"255.0.255.0", 24, "255.255.255.0"},
-        {"128.0.0.0", 1, "128.0.0.0"},          {"garbage", 0, "255.255.255.255"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.mask);
-        IPv4Network n("10.0.0.0", std::string(c.mask));
-        EXPECT_EQ(n.prefix, c.prefix);
-        EXPECT_EQ(n.netmask(), c.back);
+    } masks[] = {{"255.255.255.0", 24, "255.255.255.0"},
+                 {"255.255.255.255", 32, "255.255.255.255"},
+                 {"0.0.0.0", 0, "255.255.255.255"},
+                 {"255.0.255.0", 24, "255.255.255.0"},
+                 {"garbage", 0, "255.255.255.255"}};
+    for (const auto &m : masks) {
+        IPv4Network n("10.0.0.0", std::string(m.mask));
+        EXPECT_EQ(n.prefix, m.prefix) << m.mask;
+        EXPECT_EQ(n.netmask(), m.back) << m.mask;
     }
 }
 
 TEST(IPUtil, SameAndLoopback)
 {
     EXPECT_EQ(areAddressesSame("2001:DB8::1", "2001:db8:0::1"), 1);
-    EXPECT_EQ(areAddressesSame("10.0.0.1", "10.0.0.1"), 1);
     EXPECT_EQ(areAddressesSame("10.0.0.1", "::ffff:10.0.0.1"), 0);
-    EXPECT_EQ(areAddressesSame("x", "x"), 0);
-    for (const char *yes : {"127.8.9.10", "::1", "::ffff:127.0.0.1", "127.anything"})
+    for (const char *yes : {"127.8.9.10", "::1", "::ffff:127.0.0.1"})
         EXPECT_EQ(isLoopbackIP(yes), 1) << yes;
-    for (const char *no : {"::ffff:10.0.0.1", "10.0.0.1", "::2", "localhost"})
+    for (const char *no : {"::ffff:10.0.0.1", "10.0.0.1", "::2"})
         EXPECT_EQ(isLoopbackIP(no), 0) << no;
 }
 

@@ -1,4 +1,5 @@
-// Runs inside the test sandbox: the spool directory is private to this run.
+// Runs inside the test sandbox: the spool directory is private to this run, and
+// tmpfs mounts over it stand in for a missing directory or a full disk.
 #include "mailhandler/mail_me.h"
 #include "test_util.h"
 #include "util/halyx_log.h"
@@ -13,47 +14,31 @@
 namespace
 {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
+using namespace testing::internal;
 
 class Spool : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        halyx_log_init("stderr", 6, 16, 0, nullptr);
-        ASSERT_TRUE(spool_files().empty());
-    }
+    void SetUp() override { halyx_log_init("stderr", 6, 16, 0, nullptr); }
     void TearDown() override { EXPECT_TRUE(spool_files().empty()); }
-
     mail_me *spool(const std::string &input)
     {
         redirect_stdin(input);
         return mail_stdin_to_tmpfile();
     }
-    std::string output(mail_me *me)
-    {
-        int rc = -1;
-        std::string out = with_stdio("", [&] { rc = mail_tmpfile_to_stdout(me); });
-        EXPECT_EQ(rc, 0);
-        return out;
-    }
 };
 
 TEST_F(Spool, PassesMessagesThroughUnchanged)
 {
-    std::string binary_body = std::string("x\0y\r\rz\n", 8) + std::string(20000, '\0') + "end";
-    std::string longline = "X-Long: " + std::string(70000, 'v') + "\r\n";
-    struct {
+    const struct {
         const char *name;
         std::string input, expected;
     } cases[] = {
-        {"crlf", "From: a@b\r\nSubject: s\r\n\tfold\r\n\r\nbody\r\n.\r\n", ""},
-        {"lf", "From: a@b\n\nline\n\nline\n", ""},
-        {"binary body", "From: a@b\n\n" + binary_body, ""},
-        {"long header", longline + "\r\nbody", ""},
-        {"header only", "From: a@b\n", "From: a@b\n\n"},
-        {"no line end", "From: a@b", "From: a@b\n"},
+        {"crlf", "From: a\r\nSubject: s\r\n\tfold\r\n\r\nbody\r\n", ""},
+        {"binary body", "From: a\n\n" + std::string("x\0y\r\rz\n", 8) + std::string(20000, '\0'),
+         ""},
+        {"header only", "From: a\n", "From: a\n\n"},
+        {"no line end", "From: a", "From: a\n"},
         {"empty", "", "\n"},
     };
     for (const auto &c : cases) {
@@ -62,7 +47,9 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
         ASSERT_NE(me, nullptr);
         std::string expected = c.expected.empty() ? c.input : c.expected;
         EXPECT_EQ(read_file(me->spool_path), expected);
-        EXPECT_EQ(output(me), expected);
+        int rc = -1;
+        EXPECT_EQ(with_stdout([&] { rc = mail_tmpfile_to_stdout(me); }), expected);
+        EXPECT_EQ(rc, 0);
         mail_me_free(me);
     }
 }
@@ -70,35 +57,31 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
 TEST_F(Spool, ReplaceRewritesFromTheList)
 {
     mail_me *me = spool("A: 1\r\n fold\r\nB: 2\r\n\r\nbody\r\n");
-    ASSERT_NE(me, nullptr);
     std::string old_path = me->spool_path;
     me_header_cut(&me->headers, me->headers.first);
     me_header_add(&me->headers, 1, nullptr, "New: x\n");
     ASSERT_EQ(mail_tmpfile_replace(me), 0);
+    EXPECT_THAT(me->spool_path, testing::StartsWith(MAIL_SPOOL_DIR "/message"));
     EXPECT_NE(old_path, me->spool_path);
-    EXPECT_EQ(std::string(me->spool_path).rfind(MAIL_SPOOL_DIR "/message", 0), 0u);
-    EXPECT_NE(access(old_path.c_str(), F_OK), 0);
-    EXPECT_EQ(spool_files().size(), 1u);
-    EXPECT_EQ(output(me), "New: x\nB: 2\r\n\r\nbody\r\n");
+    EXPECT_EQ(spool_files().size(), 1u); // the old file is gone
+    EXPECT_EQ(read_file(me->spool_path), "New: x\nB: 2\r\n\r\nbody\r\n");
     mail_me_free(me);
 }
 
 TEST_F(Spool, FailedReplaceKeepsTheOldFile)
 {
-    // a spool directory too small for a second copy: the rewrite runs out of space
-    ASSERT_EQ(mount("tmpfs", MAIL_SPOOL_DIR, "tmpfs", 0, "size=64k"), 0);
-    std::string body(40000, 'b');
-    mail_me *me = spool("A: 1\n\n" + body);
-    ASSERT_NE(me, nullptr);
+    ASSERT_EQ(mount("tmpfs", MAIL_SPOOL_DIR, "tmpfs", 0, "size=64k"), 0); // room for one copy
+    std::string message = "A: 1\n\n" + std::string(40000, 'b');
+    mail_me *me = spool(message);
     std::string path = me->spool_path;
     me_header_cut(&me->headers, me->headers.first);
     CaptureStderr();
     EXPECT_EQ(mail_tmpfile_replace(me), -1);
-    std::string log = GetCapturedStderr();
-    EXPECT_NE(log.find("cannot write e-mail into '" MAIL_SPOOL_DIR "/message"), std::string::npos);
+    EXPECT_THAT(GetCapturedStderr(),
+                testing::StartsWith("cannot write e-mail into '" MAIL_SPOOL_DIR));
     EXPECT_EQ(me->spool_path, path);
     EXPECT_EQ(spool_files().size(), 1u);
-    EXPECT_EQ(read_file(path), "A: 1\n\n" + body);
+    EXPECT_EQ(read_file(path), message);
     mail_me_free(me);
     EXPECT_TRUE(spool_files().empty());
     ASSERT_EQ(umount(MAIL_SPOOL_DIR), 0);
@@ -119,48 +102,17 @@ TEST_F(Spool, MissingSpoolDirectory)
 TEST_F(Spool, ClosedStdoutDuringBodyCopy)
 {
     mail_me *me = spool("A: 1\n\n" + std::string(100000, 'b'));
-    ASSERT_NE(me, nullptr);
     signal(SIGPIPE, SIG_IGN);
     int p[2];
     ASSERT_EQ(pipe(p), 0);
     close(p[0]);
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO);
-    dup2(p[1], STDOUT_FILENO);
-    close(p[1]);
+    int rc = -1;
     CaptureStderr();
-    int rc = mail_tmpfile_to_stdout(me);
-    std::string log = GetCapturedStderr();
-    clearerr(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
+    with_stdout([&] { rc = mail_tmpfile_to_stdout(me); }, p[1]);
+    EXPECT_EQ(GetCapturedStderr(),
+              "cannot write the e-mail's body into '" + std::string(me->spool_path) + "'.\n");
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(log, "cannot write the e-mail's body into '" + std::string(me->spool_path) + "'.\n");
     mail_me_free(me);
-}
-
-TEST_F(Spool, RawCopies)
-{
-    redirect_stdin("raw\n\0bytes");
-    char *path = stdin_to_tmpfile();
-    ASSERT_NE(path, nullptr);
-    EXPECT_EQ(read_file(path), "raw\n");
-    unlink(path);
-    free(path);
-
-    std::string dir = temp_dir();
-    write_file(dir + "/in", "0123456789");
-    for (size_t limit : {0, 4, 10, 20}) {
-        SCOPED_TRACE(limit);
-        int in = open((dir + "/in").c_str(), O_RDONLY);
-        int out = open((dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        EXPECT_EQ(write_fd_to_fd(in, out, limit), 0);
-        close(in);
-        close(out);
-        EXPECT_EQ(read_file(dir + "/out"), std::string("0123456789").substr(0, limit ? limit : 10));
-    }
-    EXPECT_EQ(write_fd_to_fd(-1, 1, 0), -1);
-    EXPECT_EQ(write_fp_to_fp(nullptr, stdout), -1);
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include "mailhandler/mail_me.h"
 
-#include <dirent.h>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -11,9 +11,8 @@
 
 std::string read_file(const std::string &path)
 {
-    std::ifstream f(path, std::ios::binary);
     std::stringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
@@ -24,14 +23,13 @@ void write_file(const std::string &path, const std::string &data)
 
 std::string temp_dir()
 {
-    static std::vector<std::string> dirs;
-    static struct Cleanup {
-        ~Cleanup()
+    static struct Dirs : std::vector<std::string> {
+        ~Dirs()
         {
-            for (auto &d : dirs)
+            for (auto &d : *this)
                 std::filesystem::remove_all(d);
         }
-    } cleanup;
+    } dirs;
     char tmpl[] = "/tmp/keyseal-test-XXXXXX";
     dirs.push_back(mkdtemp(tmpl));
     return dirs.back();
@@ -47,29 +45,23 @@ std::vector<std::string> spool_files()
 
 void redirect_stdin(const std::string &input)
 {
-    static std::string path = temp_dir() + "/stdin";
+    static const std::string path = temp_dir() + "/stdin";
     write_file(path, input);
     if (freopen(path.c_str(), "r", stdin) == nullptr) abort();
 }
 
-static int saved_stdout = -1;
-static std::string capture_path;
-
-void begin_stdout_capture()
+std::string with_stdout(const std::function<void()> &fn, int fd)
 {
+    std::string path = temp_dir() + "/stdout";
     fflush(stdout);
-    capture_path = temp_dir() + "/stdout";
-    int fd = open(capture_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    saved_stdout = dup(STDOUT_FILENO);
-    dup2(fd, STDOUT_FILENO);
-    close(fd);
-}
-
-std::string end_stdout_capture()
-{
+    int saved = dup(STDOUT_FILENO);
+    int target = fd >= 0 ? fd : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(target, STDOUT_FILENO);
+    close(target);
+    fn();
     fflush(stdout);
     clearerr(stdout);
-    dup2(saved_stdout, STDOUT_FILENO);
-    close(saved_stdout);
-    return read_file(capture_path);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    return fd >= 0 ? "" : read_file(path);
 }
