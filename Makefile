@@ -12,6 +12,7 @@ SUDO    := $(if $(filter 0,$(shell id -u)),,sudo)
 
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev \
 	googletest libgtest-dev openssl util-linux python3 python3-dkim python3-pytest
+BENCH_PACKAGES = libmail-dkim-perl
 
 .PHONY: all deps build build-asan check demo install bench clean format
 
@@ -50,6 +51,10 @@ install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
 	install -d -m 0755 $(DESTDIR)/etc/domainkeys
 	install -d -m 1733 $(DESTDIR)/usr/local/hlx/handlers/spool
+
+bench: build
+	@$(MAKE) --no-print-directory deps DEB_PACKAGES="$(BENCH_PACKAGES)"
+	/usr/bin/python3 bench/run.py --build $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN)
