@@ -10,7 +10,7 @@ ASAN    ?= build-asan
 JOBS    ?= $(shell nproc)
 SUDO    := $(if $(filter 0,$(shell id -u)),,sudo)
 
-DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev \
+DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	googletest libgtest-dev openssl util-linux python3 python3-dkim python3-pytest
 BENCH_PACKAGES = libmail-dkim-perl
 

