@@ -11,7 +11,7 @@ JOBS    ?= $(shell nproc)
 SUDO    := $(if $(filter 0,$(shell id -u)),,sudo)
 
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
-	googletest libgtest-dev openssl util-linux python3 python3-dkim python3-pytest
+	googletest libgtest-dev libgmock-dev openssl util-linux python3 python3-dkim python3-pytest
 BENCH_PACKAGES = libmail-dkim-perl
 
 .PHONY: all deps build build-asan check demo install bench clean format

@@ -23,22 +23,6 @@ TEST(StringBuffer, RoomArithmetic)
     free(buf);
 }
 
-TEST(StringArray, SplitKeepsTrailingEmptyToken)
-{
-    const struct {
-        const char *in;
-        std::vector<std::string> out;
-    } cases[] = {{"a,,b,", {"a", "b", ""}}, {",,a", {"a"}}, {"", {""}}, {",,,", {""}}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.in);
-        char **a = string_split(c.in, ",");
-        std::vector<std::string> got(a, a + c.out.size());
-        EXPECT_EQ(got, c.out);
-        EXPECT_EQ(a[c.out.size()], nullptr);
-        free_array(&a);
-    }
-}
-
 std::string words(int n)
 {
     std::string s = "w";

@@ -118,12 +118,4 @@ TEST_F(WhitelistFile, FailedWriteKeepsTheOldFile)
     EXPECT_NE(GetCapturedStderr().find(": File name too long\n"), std::string::npos);
 }
 
-TEST(WhitelistDefault, CEntryPoint)
-{
-    write_file("/etc/domainkeys/whitelist", "192.0.2.0/24\n"); // the sandbox's own directory
-    EXPECT_TRUE(dkim_whitelist_contains("192.0.2.7"));
-    EXPECT_FALSE(dkim_whitelist_contains("198.51.100.1"));
-    unlink("/etc/domainkeys/whitelist");
-}
-
 } // namespace
