@@ -77,7 +77,7 @@ def test_policy_signs(signer, key, env, whitelist, log):
 def test_policy_skips_without_reading(signer, env, whitelist, shown):
     signer.put_whitelist(whitelist or "")
     r = signer.run(ARGS, MSG, env)
-    assert (r.status, r.stderr, r.stdout, r.stdin_left) == (5, b"SKIP", b"", len(MSG))
+    assert (r.status, r.stderr, r.stdout, r.stdin_left, r.spool) == (5, b"SKIP", b"", len(MSG), [])
     assert texts(r) == [(6, SKIP_LOG.format(shown))]
 
 

@@ -54,11 +54,19 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
     }
 }
 
-TEST_F(Spool, FailedReplaceKeepsTheOldFile)
+TEST_F(Spool, ReplaceAndFailedReplace)
 {
+    mail_me *me = spool("A: 1\n\nbody\n");
+    std::string first = me->spool_path;
+    ASSERT_EQ(mail_tmpfile_replace(me), 0); // new name beside the old one, old file gone
+    EXPECT_THAT(me->spool_path, testing::StartsWith(MAIL_SPOOL_DIR "/message"));
+    EXPECT_NE(me->spool_path, first);
+    EXPECT_EQ(spool_files().size(), 1u);
+    mail_me_free(me);
+
     ASSERT_EQ(mount("tmpfs", MAIL_SPOOL_DIR, "tmpfs", 0, "size=64k"), 0); // room for one copy
     std::string message = "A: 1\n\n" + std::string(40000, 'b');
-    mail_me *me = spool(message);
+    me = spool(message);
     std::string path = me->spool_path;
     me_header_cut(&me->headers, me->headers.first);
     CaptureStderr();

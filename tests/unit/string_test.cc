@@ -23,6 +23,14 @@ TEST(StringBuffer, RoomArithmetic)
     free(buf);
 }
 
+TEST(StringArray, SplitKeepsTrailingEmptyToken)
+{
+    char **a = string_split("a,,b,", ",");
+    EXPECT_EQ(std::vector<std::string>(a, a + 3), (std::vector<std::string>{"a", "b", ""}));
+    EXPECT_EQ(a[3], nullptr);
+    free_array(&a);
+}
+
 std::string words(int n)
 {
     std::string s = "w";
