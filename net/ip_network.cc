@@ -154,20 +154,24 @@ int IPAnyNetwork::family() const
     return families[value.which()];
 }
 
+/* network_part - address and prefix of either network alternative; no address for a host name */
+static std::pair<const std::string *, uint16_t> network_part(const IPAnyNetwork::Value &value)
+{
+    if (const auto *v4 = boost::get<IPv4Network>(&value)) return {&v4->address, v4->prefix};
+    if (const auto *v6 = boost::get<IPv6Network>(&value)) return {&v6->address, v6->prefix};
+    return {nullptr, 0};
+}
+
 bool IPAnyNetwork::contains(const std::string &ip) const
 {
-    if (const auto *v4 = boost::get<IPv4Network>(&value))
-        return inSubnet(ip.c_str(), v4->address.c_str(), v4->prefix) != 0;
-    if (const auto *v6 = boost::get<IPv6Network>(&value))
-        return inSubnet(ip.c_str(), v6->address.c_str(), v6->prefix) != 0;
-    return false;
+    auto [address, prefix] = network_part(value);
+    return address != nullptr && inSubnet(ip.c_str(), address->c_str(), prefix) != 0;
 }
 
 std::string IPAnyNetwork::addr_string() const
 {
-    if (const auto *v4 = boost::get<IPv4Network>(&value)) return v4->address;
-    if (const auto *v6 = boost::get<IPv6Network>(&value)) return v6->address;
-    return boost::get<std::string>(value);
+    const std::string *address = network_part(value).first;
+    return address != nullptr ? *address : boost::get<std::string>(value);
 }
 
 std::string IPAnyNetwork::to_string() const
