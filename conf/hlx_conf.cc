@@ -111,12 +111,11 @@ int conf_init_r(conf_table *t)
     if (t->count < t->capacity) return 0;
 
     size_t slots = t->capacity * 2;
-    if (slots / 2 != t->capacity || t->count + CONF_INITIAL_SLOTS < t->count)
-        return out_of_memory("Unable to read configuration: %s");
+    bool overflow = slots / 2 != t->capacity || t->count + CONF_INITIAL_SLOTS < t->count;
     if (slots < t->count + CONF_INITIAL_SLOTS) slots = t->count + CONF_INITIAL_SLOTS;
-    if (slots > SIZE_MAX / sizeof(conf_entry))
-        return out_of_memory("Unable to read configuration: %s");
-    conf_entry *grown = (conf_entry *)realloc(t->entries, slots * sizeof(conf_entry));
+    overflow = overflow || slots > SIZE_MAX / sizeof(conf_entry);
+    conf_entry *grown =
+        overflow ? nullptr : (conf_entry *)realloc(t->entries, slots * sizeof(conf_entry));
     if (grown == nullptr) return out_of_memory("Unable to read configuration: %s");
     /* conf_free_r walks every slot: the new ones must hold null pointers */
     memset(grown + t->capacity, 0, (slots - t->capacity) * sizeof(conf_entry));
