@@ -38,6 +38,15 @@ int make_dir_p(const char *dir, uid_t owner, gid_t group, mode_t mode)
     return 0;
 }
 
+/* discard - remove the temporary copy, keeping errno for the caller; returns rc */
+static int discard(const char *tmp, int rc)
+{
+    int err = errno;
+    unlink(tmp);
+    errno = err;
+    return rc;
+}
+
 int edit_file_safe(const char *path, edit_file_fn edit, void *data, int must_exist)
 {
     struct stat st;
@@ -64,17 +73,15 @@ int edit_file_safe(const char *path, edit_file_fn edit, void *data, int must_exi
     if (out == nullptr) {
         int err = errno;
         close(fd);
-        unlink(tmp);
         errno = err;
-        return -1;
+        return discard(tmp, -1);
     }
     FILE *old = fopen(path, "r");
     if (old == nullptr && must_exist) {
         int err = errno;
         fclose(out);
-        unlink(tmp);
         errno = err;
-        return -1;
+        return discard(tmp, -1);
     }
 
     int rc = edit(old, out, data);
@@ -86,17 +93,6 @@ int edit_file_safe(const char *path, edit_file_fn edit, void *data, int must_exi
     }
     chmod(tmp, mode);
 
-    if (rc != 0) {
-        int err = errno;
-        unlink(tmp);
-        errno = err;
-        return rc;
-    }
-    if (rename(tmp, path) != 0) {
-        int err = errno;
-        unlink(tmp);
-        errno = err;
-        return -1;
-    }
-    return 0;
+    if (rc != 0) return discard(tmp, rc);
+    return rename(tmp, path) != 0 ? discard(tmp, -1) : 0;
 }
