@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <openssl/ui.h>
 
 enum {
     FEED_BUFFER = 32768,
@@ -101,6 +102,9 @@ dk_result *keyseal(const char *domain, const char *selector, const char *key, FI
 
     DKIM_LIB *lib = dk_init(result, 0);
     if (lib == nullptr) return result;
+    /* a passphrase-protected key must fail, not prompt on stderr (the chain's verdict
+     * channel) or wait for a terminal: OpenSSL asks its default UI, which answers nothing */
+    UI_set_default_method(UI_null());
 
     DKIM_STAT status = DKIM_STAT_OK;
     DKIM *dkim = dkim_sign(lib, (const unsigned char *)"keyseal()", nullptr, (dkim_sigkey_t)key,

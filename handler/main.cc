@@ -16,6 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 enum {
@@ -26,14 +28,6 @@ enum {
 };
 
 static const char SIGNATURE_HEADER[] = "DKIM-Signature:";
-
-/* the spooled message, so that even an exit from deep inside removes its file */
-static mail_me *spooled;
-
-static void remove_spool_file(void)
-{
-    if (spooled != nullptr && spooled->spool_path != nullptr) unlink(spooled->spool_path);
-}
 
 /* may_sign - the signing policy; the first rule that holds decides */
 static bool may_sign(void)
@@ -111,17 +105,29 @@ static char *selector_from(const char *context)
 static int read_key(const char *domain, const char *selector, char *key)
 {
     char *path = asprintf_safe("/etc/domainkeys/%s/%s", domain, selector);
-    FILE *f = fopen(path, "r");
-    if (f == nullptr) {
+    /* non-blocking, and never a FIFO, device or socket: those could hang the chain or
+     * stream without end.  A directory (the empty selector's path ends in '/') opens
+     * and reads as an empty key, which the signer refuses, as it always has. */
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)))) {
+        close(fd);
+        fd = -1;
+    }
+    if (fd < 0) {
         halyx_log(3, "cannot get sender domain key from %s", path);
         free(path);
         return -1;
     }
     free(path);
-    /* unbuffered: no copy of the key is left behind in a stdio buffer */
-    setvbuf(f, nullptr, _IONBF, 0);
-    size_t n = fread(key, 1, KEY_BUFFER, f);
-    fclose(f);
+    /* read() straight into key: no copy is left behind in a stdio buffer */
+    size_t n = 0;
+    while (n < KEY_BUFFER) {
+        ssize_t got = read(fd, key + n, KEY_BUFFER - n);
+        if (got <= 0) break; /* end of file, or an error: what was read is the key, as fread */
+        n += (size_t)got;
+    }
+    close(fd);
     if (n == KEY_BUFFER) {
         halyx_log(3, "private key buffer is not big enough");
         return -1;
@@ -177,6 +183,7 @@ static int handle(mh_handler_context *ctx, mail_me *me)
 
 int main(int argc, char **argv)
 {
+    if (mh_std_fds_open() != 0) return EXIT_FAILED; /* nothing can be logged safely */
     mh_handler_context ctx;
     if (mh_handler_prepare(&ctx, argc, argv) != 0) {
         halyx_log(3, "Unable to intialize keyseal mail handler");
@@ -187,15 +194,13 @@ int main(int argc, char **argv)
         return EXIT_SKIPPED;
     }
 
-    atexit(remove_spool_file);
-    spooled = mail_stdin_to_tmpfile();
-    if (spooled == nullptr) {
+    mail_spool_guard();
+    mail_me *me = mail_stdin_to_tmpfile();
+    if (me == nullptr) {
         halyx_log(3, "Unable to save email into the temporary file");
         return EXIT_FAILED;
     }
-    int status = handle(&ctx, spooled);
-    mail_me *me = spooled;
-    spooled = nullptr;
+    int status = handle(&ctx, me);
     mail_me_free(me);
     return status;
 }

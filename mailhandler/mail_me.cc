@@ -3,18 +3,91 @@
 #include "util/halyx_log.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
-enum { COPY_CHUNK = 8192 };
+enum { COPY_CHUNK = 8192, GUARD_SLOTS = 2 /* the spool file, and its successor while replaced */ };
+
+/*
+ * The spool files of this process, readable from a signal handler: a slot's path
+ * is complete before the slot is marked used.  The timeout signals are blocked
+ * while a file is created or unlinked together with its slot, so that no signal
+ * falls between the two.
+ */
+static char guard_path[GUARD_SLOTS][sizeof(MAIL_SPOOL_DIR "/messageXXXXXX")];
+static volatile sig_atomic_t guard_used[GUARD_SLOTS];
+static const int GUARD_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM};
+
+static void guard_block(sigset_t *saved)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : GUARD_SIGNALS)
+        sigaddset(&set, sig);
+    sigprocmask(SIG_BLOCK, &set, saved);
+}
+
+static void guard_remove_all(void)
+{
+    for (int i = 0; i < GUARD_SLOTS; i++)
+        if (guard_used[i]) unlink(guard_path[i]);
+}
+
+/* on_timeout_signal - remove the spool files, then die of sig as if nothing had caught it */
+static void on_timeout_signal(int sig)
+{
+    guard_remove_all();
+    /* SA_RESETHAND restored the default action and SA_NODEFER left sig unblocked */
+    raise(sig);
+}
+
+void mail_spool_guard(void)
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = on_timeout_signal;
+    sa.sa_flags = SA_RESETHAND | SA_NODEFER;
+    for (int sig : GUARD_SIGNALS) {
+        /* the other two wait while one is handled; sig itself must stay deliverable */
+        sigemptyset(&sa.sa_mask);
+        for (int other : GUARD_SIGNALS)
+            if (other != sig) sigaddset(&sa.sa_mask, other);
+        sigaction(sig, &sa, nullptr);
+    }
+    atexit(guard_remove_all);
+}
 
 /* spool_file - make a new spool file; returns the stream or NULL with *fd set (-1 if
  * mkstemp failed) so that the caller can tell which step failed */
 static FILE *spool_file(char *path, int *fd)
 {
+    sigset_t saved;
+    guard_block(&saved);
     *fd = mkstemp(path);
+    int err = errno;
+    for (int i = 0; *fd >= 0 && i < GUARD_SLOTS; i++) {
+        if (!guard_used[i] && strlen(path) < sizeof(guard_path[i])) {
+            strcpy(guard_path[i], path);
+            guard_used[i] = 1;
+            break;
+        }
+    }
+    sigprocmask(SIG_SETMASK, &saved, nullptr);
+    errno = err;
     return *fd < 0 ? nullptr : fdopen(*fd, "w");
+}
+
+/* spool_unlink - remove a spool file and its slot together */
+static void spool_unlink(const char *path)
+{
+    sigset_t saved;
+    guard_block(&saved);
+    unlink(path);
+    for (int i = 0; i < GUARD_SLOTS; i++)
+        if (guard_used[i] && strcmp(guard_path[i], path) == 0) guard_used[i] = 0;
+    sigprocmask(SIG_SETMASK, &saved, nullptr);
 }
 
 mail_me *mail_stdin_to_tmpfile(void)
@@ -91,11 +164,11 @@ int mail_tmpfile_replace(mail_me *me)
     fclose(old);
     if (!ok) {
         halyx_log(3, "cannot write e-mail into '%s'.", path);
-        unlink(path);
+        spool_unlink(path);
         free(path);
         return -1;
     }
-    unlink(me->spool_path);
+    spool_unlink(me->spool_path);
     free(me->spool_path);
     me->spool_path = path;
     return 0;
@@ -106,7 +179,8 @@ int mail_tmpfile_to_stdout(mail_me *me)
     FILE *in = fopen(me->spool_path, "r");
     if (in == nullptr) return -1;
     mail_header_skip(in);
-    if (mail_header_write(stdout, me) != 0) {
+    /* flushed here, so that a failure to deliver the header block is reported as one */
+    if (mail_header_write(stdout, me) != 0 || fflush(stdout) != 0) {
         halyx_log(3, "cannot write the e-mail's envelope into '%s'.", me->spool_path);
         fclose(in);
         return -1;
@@ -121,7 +195,7 @@ int mail_tmpfile_to_stdout(mail_me *me)
 void mail_me_free(mail_me *me)
 {
     if (me == nullptr) return;
-    if (me->spool_path != nullptr) unlink(me->spool_path);
+    if (me->spool_path != nullptr) spool_unlink(me->spool_path);
     free(me->spool_path);
     me_header_free(&me->headers);
     free(me);

@@ -8,6 +8,10 @@
  * 8192-byte chunks, never held in memory.
  *
  * int functions return 0 or -1; each logs its own failure at level 3.
+ *
+ * Every spool file a record creates is registered from the moment mkstemp makes
+ * it until it is unlinked, so that mail_spool_guard() can remove it even when the
+ * process is killed by a timeout signal or ends through exit().
  */
 #ifndef MAIL_ME_H
 #define MAIL_ME_H
@@ -40,6 +44,10 @@ int mail_tmpfile_replace(mail_me *me);
  * a failed body copy is logged and still gives 0 */
 int mail_tmpfile_to_stdout(mail_me *me);
 void mail_me_free(mail_me *me);
+/* mail_spool_guard - from now on SIGTERM, SIGHUP and SIGALRM unlink the registered
+ * spool files and then kill the process with the same signal (default action), and
+ * exit() unlinks them too.  Installs process-wide signal dispositions and an atexit hook. */
+void mail_spool_guard(void);
 
 /* stdin_to_tmpfile - raw copy of stdin into a new spool file; owned path or NULL */
 char *stdin_to_tmpfile(void);

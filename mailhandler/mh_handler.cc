@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <cstring>
 #include <syslog.h>
 #include <unistd.h>
@@ -25,6 +26,22 @@ int sig_sethandler(int sig, void (*handler)(int))
 int sig_ignore(int sig)
 {
     return sig_sethandler(sig, SIG_IGN);
+}
+
+int mh_std_fds_open(void)
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+        /* the lower descriptors are open, so open() takes exactly this number */
+        int got = open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_NOCTTY);
+        if (got < 0) return -1;
+        if (got != fd) {
+            close(got);
+            errno = EBADF;
+            return -1;
+        }
+    }
+    return 0;
 }
 
 int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)

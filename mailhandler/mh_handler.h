@@ -27,6 +27,12 @@ typedef struct mh_handler_context {
 
 int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv);
 
+/* mh_std_fds_open - call before anything opens a descriptor (logging included): a
+ * closed standard descriptor is re-opened on /dev/null in the direction that fails
+ * (stdin write-only, stdout and stderr read-only), so that I/O on it still fails with
+ * EBADF but no socket, spool file or key can take its number.  0, or -1 with errno. */
+int mh_std_fds_open(void);
+
 /* sig_sethandler - install handler with no flags and an empty mask; 1 on success, 0 on failure */
 int sig_sethandler(int sig, void (*handler)(int));
 int sig_ignore(int sig);

@@ -37,10 +37,13 @@ class Result:
         return [l.text for l in self.logs]
 
 
-def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False):
-    """The command that runs argv inside a private mount namespace rooted at root."""
+def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False, fds=None):
+    """The command that runs argv inside a private mount namespace rooted at root.
+    fds maps a descriptor to a path to open on it, or to None to close it."""
     cmd = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     cmd += ["/usr/bin/python3", SANDBOX, root] + ([] if spool else ["--no-spool"])
+    for n, path in (fds or {}).items():
+        cmd += ["--fd", f"{n}={path or '-'}"]
     cmd += ["--argv0", argv0] if argv0 is not None else []
     cmd += ["--keep-env"] if keep_env else []
     env = dict(env or {})
@@ -78,14 +81,31 @@ class Sandbox:
         lines = []
         while True:
             try:
-                m = SYSLOG_RE.match(self.log.recv(65536))
+                raw = self.log.recv(65536)
             except BlockingIOError:
                 return lines
+            m = SYSLOG_RE.match(raw)
+            if m is None:  # not a syslog line: kept whole, so that a test can see what leaked
+                lines.append(LogLine(-1, -1, "", 0, raw.decode(errors="replace")))
+                continue
             pri = int(m.group(1))
             lines.append(LogLine(pri >> 3, pri & 7, m.group(2).decode(), int(m.group(3)),
                                  m.group(4).decode(errors="replace")))
 
-    def run(self, args, stdin=b"", env=None, argv0="keyseal", spool=True):
+    def start(self, args, env=None, argv0="keyseal"):
+        """keyseal running in the background, its standard streams pipes."""
+        self._read_log()
+        return subprocess.Popen(sandbox_cmd(self.root, [self.binary] + args, env, argv0),
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+
+    def spool(self):
+        return sorted(os.listdir(os.path.join(self.root, "spool")))
+
+    def logs(self):
+        return self._read_log()
+
+    def run(self, args, stdin=b"", env=None, argv0="keyseal", spool=True, fds=None, timeout=300):
         self._read_log()
         r, w = os.pipe()
         fcntl.fcntl(w, fcntl.F_SETPIPE_SZ, 1 << 20)
@@ -102,10 +122,15 @@ class Sandbox:
 
         writer = threading.Thread(target=feed)
         writer.start()
-        proc = subprocess.Popen(sandbox_cmd(self.root, [self.binary] + args, env, argv0, spool),
+        proc = subprocess.Popen(sandbox_cmd(self.root, [self.binary] + args, env, argv0, spool,
+                                            fds=fds),
                                 stdin=r, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         os.close(r)
-        out, err = proc.communicate(timeout=300)
+        try:
+            out, err = proc.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            raise
         os.set_blocking(unread, False)
         left = 0
         while True:
@@ -120,7 +145,7 @@ class Sandbox:
         writer.join()
         os.close(unread)
         return Result(proc.returncode, out, err, self._read_log(),
-                      sorted(os.listdir(os.path.join(self.root, "spool"))) if spool else [], left)
+                      self.spool() if spool else [], left)
 
 
 def generate_key(bits=2048):

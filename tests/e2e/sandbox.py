@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""sandbox.py ROOT [--no-spool] [--argv0 A] [--env K=V]... [--keep-env] -- PROGRAM ARGS...
+"""sandbox.py ROOT [--no-spool] [--argv0 A] [--env K=V]... [--keep-env] [--fd N=PATH|N=-]... -- PROGRAM ARGS...
 
 Run inside `unshare --mount`: keyseal's fixed paths come from ROOT (/etc/domainkeys from
 ROOT/domainkeys, the spool directory from ROOT/spool, /dev/log -> ROOT/log.sock on a private
@@ -56,6 +56,7 @@ def main():
     ap.add_argument("--argv0")
     ap.add_argument("--env", action="append", default=[], help="NAME=VALUE (the only variables)")
     ap.add_argument("--keep-env", action="store_true", help="inherit the caller's environment")
+    ap.add_argument("--fd", action="append", default=[], help="N=PATH opens PATH on N, N=- closes N")
     split = sys.argv.index("--")
     a = ap.parse_args(sys.argv[1:split])
     cmd = sys.argv[split + 1:]
@@ -79,6 +80,12 @@ def main():
 
     env = dict(os.environ) if a.keep_env else {}
     env.update(e.split("=", 1) for e in a.env)
+    for spec in a.fd:
+        n, path = spec.split("=", 1)
+        if path == "-":
+            os.close(int(n))
+        else:
+            os.dup2(os.open(path, os.O_RDONLY if n == "0" else os.O_WRONLY), int(n))
     argv = [a.argv0 if a.argv0 is not None else cmd[0]] + cmd[1:]
     os.execve(cmd[0], argv, env)
 
