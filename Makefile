@@ -16,7 +16,7 @@ SUDO    := $(if $(filter 0,$(shell id -u)),,sudo)
 
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	googletest libgtest-dev libgmock-dev openssl util-linux python3 python3-dkim python3-pytest \
-	clang libclang-rt-14-dev
+	clang libclang-rt-14-dev libcli11-dev nsd iproute2 scdoc
 BENCH_PACKAGES = libmail-dkim-perl
 
 .PHONY: all deps build build-asan check demo install bench fuzz clean format

@@ -1,5 +1,6 @@
 #include "dkim/whitelist.hpp"
 
+#include "dkim/dk_key.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
@@ -24,7 +25,7 @@ int writeLines(FILE *old, FILE *out, void *data)
 
 } // namespace
 
-Whitelist::Whitelist() : Whitelist(std::filesystem::path("/etc/domainkeys") / "whitelist") {}
+Whitelist::Whitelist() : Whitelist(std::filesystem::path(DK_KEYS_DIR) / "whitelist") {}
 
 Whitelist::Whitelist(const std::filesystem::path &path) : path(path)
 {

@@ -6,6 +6,7 @@
  * the message back with the new DKIM-Signature header first.  Verdict: "PASS"
  * and exit 0, "SKIP" and exit 5 (standard input not read), exit 255 on error.
  */
+#include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
 #include "dkim/whitelist.h"
 #include "mailhandler/mail_me.h"
@@ -16,15 +17,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 enum {
     EXIT_SIGNED = 0,
     EXIT_SKIPPED = 5,
     EXIT_FAILED = 255,
-    KEY_BUFFER = 9216, /* a key file must be shorter than this */
 };
 
 static const char SIGNATURE_HEADER[] = "DKIM-Signature:";
@@ -92,48 +89,19 @@ static int remove_old_signatures(mail_me *me, const char *domain, line_sections 
     return changed;
 }
 
-/* selector_from - "dkimsel=" anywhere in CONTEXT, up to ',' or the end; else "default" */
-static char *selector_from(const char *context)
-{
-    const char *p = strstr(context, "dkimsel=");
-    if (p == nullptr) return asprintf_safe("%s", "default");
-    p += strlen("dkimsel=");
-    return asprintf_safe("%.*s", (int)strcspn(p, ","), p);
-}
-
-/* read_key - the key file into key (KEY_BUFFER + 1 bytes); 0 or -1 after logging */
+/* read_key - the sender domain's key into key (DK_KEY_BUFFER + 1 bytes); 0 or -1 after logging */
 static int read_key(const char *domain, const char *selector, char *key)
 {
-    char *path = asprintf_safe("/etc/domainkeys/%s/%s", domain, selector);
-    /* non-blocking, and never a FIFO, device or socket: those could hang the chain or
-     * stream without end.  A directory (the empty selector's path ends in '/') opens
-     * and reads as an empty key, which the signer refuses, as it always has. */
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    struct stat st;
-    if (fd >= 0 && (fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)))) {
-        close(fd);
-        fd = -1;
-    }
-    if (fd < 0) {
-        halyx_log(3, "cannot get sender domain key from %s", path);
-        free(path);
-        return -1;
+    char *path = dk_key_path(domain, selector);
+    size_t length;
+    int status = dk_key_read(path, key, &length);
+    if (status != DK_KEY_OK) {
+        char *why = dk_key_failure(status, path);
+        halyx_log(3, "%s", why);
+        free(why);
     }
     free(path);
-    /* read() straight into key: no copy is left behind in a stdio buffer */
-    size_t n = 0;
-    while (n < KEY_BUFFER) {
-        ssize_t got = read(fd, key + n, KEY_BUFFER - n);
-        if (got <= 0) break; /* end of file, or an error: what was read is the key, as fread */
-        n += (size_t)got;
-    }
-    close(fd);
-    if (n == KEY_BUFFER) {
-        halyx_log(3, "private key buffer is not big enough");
-        return -1;
-    }
-    key[n] = '\0';
-    return 0;
+    return status == DK_KEY_OK ? 0 : -1;
 }
 
 /* sign_message - sign the spool file and put the header first; 0 or -1 after logging */
@@ -170,8 +138,8 @@ static int handle(mh_handler_context *ctx, mail_me *me)
         return EXIT_FAILED;
     }
 
-    char *selector = selector_from(ctx->context);
-    char key[KEY_BUFFER + 1];
+    char *selector = dk_selector_from_context(ctx->context);
+    char key[DK_KEY_BUFFER + 1];
     int rc = read_key(ctx->from_domain, selector, key);
     if (rc == 0) rc = sign_message(me, ctx->from_domain, selector, key);
     explicit_bzero(key, sizeof(key));

@@ -16,6 +16,19 @@ def sandbox(tmp_path):
     sb.close()
 
 
+@pytest.fixture
+def admin(sandbox, tmp_path):
+    """The sandbox with a DNS server for the zone example.com; .run_admin() runs keyseal-admin."""
+    binary = os.environ.get("KEYSEAL_ADMIN_BIN")
+    assert binary, "KEYSEAL_ADMIN_BIN names the keyseal-admin binary under test"
+    sandbox.nsd = harness.Nsd(tmp_path / "nsd")
+    sandbox.resolver = "127.0.0.1"
+    sandbox.run_admin = lambda args, **kw: sandbox.run(args, argv0="keyseal-admin",
+                                                       binary=os.path.abspath(binary), **kw)
+    yield sandbox
+    sandbox.nsd.stop()
+
+
 @pytest.fixture(scope="session")
 def key():
     """(PEM private key, base64 DER private key, base64 public key), made once."""

@@ -37,11 +37,14 @@ class Result:
         return [l.text for l in self.logs]
 
 
-def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False, fds=None):
+def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False, fds=None,
+                resolver=None):
     """The command that runs argv inside a private mount namespace rooted at root.
-    fds maps a descriptor to a path to open on it, or to None to close it."""
+    fds maps a descriptor to a path to open on it, or to None to close it; resolver is
+    the nameserver that /etc/resolv.conf names there."""
     cmd = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     cmd += ["/usr/bin/python3", SANDBOX, root] + ([] if spool else ["--no-spool"])
+    cmd += ["--resolver", resolver] if resolver else []
     for n, path in (fds or {}).items():
         cmd += ["--fd", f"{n}={path or '-'}"]
     cmd += ["--argv0", argv0] if argv0 is not None else []
@@ -56,6 +59,8 @@ def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False, fd
 
 
 class Sandbox:
+    resolver = None  # the nameserver of /etc/resolv.conf inside, when a test serves DNS
+
     def __init__(self, root, binary):
         self.root, self.binary = str(root), binary
         for d in ("domainkeys", "spool"):
@@ -105,7 +110,8 @@ class Sandbox:
     def logs(self):
         return self._read_log()
 
-    def run(self, args, stdin=b"", env=None, argv0="keyseal", spool=True, fds=None, timeout=300):
+    def run(self, args, stdin=b"", env=None, argv0="keyseal", spool=True, fds=None, timeout=300,
+            binary=None):
         self._read_log()
         r, w = os.pipe()
         fcntl.fcntl(w, fcntl.F_SETPIPE_SZ, 1 << 20)
@@ -122,8 +128,8 @@ class Sandbox:
 
         writer = threading.Thread(target=feed)
         writer.start()
-        proc = subprocess.Popen(sandbox_cmd(self.root, [self.binary] + args, env, argv0, spool,
-                                            fds=fds),
+        proc = subprocess.Popen(sandbox_cmd(self.root, [binary or self.binary] + args, env, argv0,
+                                            spool, fds=fds, resolver=self.resolver),
                                 stdin=r, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         os.close(r)
         try:
@@ -167,3 +173,62 @@ def verify(message, public_b64, domain, selector):
 
     ok = dkim.verify(message, dnsfunc=lookup)
     return ok and asked == [f"{selector}._domainkey.{domain}."]
+
+
+class Nsd:
+    """A real authoritative DNS server (nsd) on 127.0.0.1:53 of the test's private network
+    namespace, serving one zone built from pasted record text."""
+    CONF = """server:
+  ip-address: 127.0.0.1
+  port: 53
+  username: ""
+  chroot: ""
+  database: ""
+  zonesdir: "{d}"
+  pidfile: "{d}/nsd.pid"
+  xfrdfile: "{d}/xfrd.state"
+  zonelistfile: "{d}/zone.list"
+  logfile: "{d}/nsd.log"
+remote-control:
+  control-enable: no
+zone:
+  name: {zone}
+  zonefile: {zone}.zone
+"""
+
+    def __init__(self, directory):
+        self.dir, self.proc = str(directory), None
+        os.makedirs(self.dir, exist_ok=True)
+
+    def serve(self, zone, records=""):
+        """(Re)start serving zone with the given zone-file lines."""
+        self.stop()
+        with open(os.path.join(self.dir, zone + ".zone"), "w") as f:
+            f.write(f"$ORIGIN {zone}.\n$TTL 60\n@ IN SOA ns hostmaster 1 60 60 60 60\n"
+                    f"@ IN NS ns\nns IN A 127.0.0.1\n{records}\n")
+        with open(os.path.join(self.dir, "nsd.conf"), "w") as f:
+            f.write(self.CONF.format(d=self.dir, zone=zone))
+        self.proc = subprocess.Popen(["nsd", "-d", "-c", os.path.join(self.dir, "nsd.conf")],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        for _ in range(500):  # a bounded wait until it answers
+            if self._answers(zone):
+                return
+            assert self.proc.poll() is None, open(os.path.join(self.dir, "nsd.log")).read()
+        raise AssertionError("nsd does not answer")
+
+    def _answers(self, zone):
+        query = b"\x12\x34\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00" + b"".join(
+            bytes([len(p)]) + p.encode() for p in zone.split(".")) + b"\x00\x00\x06\x00\x01"
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+            s.settimeout(0.02)
+            try:
+                s.sendto(query, ("127.0.0.1", 53))
+                return s.recv(512)[:2] == b"\x12\x34"
+            except OSError:
+                return False
+
+    def stop(self):
+        if self.proc is not None:
+            self.proc.terminate()
+            self.proc.wait(timeout=30)
+            self.proc = None

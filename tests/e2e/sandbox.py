@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""sandbox.py ROOT [--no-spool] [--argv0 A] [--env K=V]... [--keep-env] [--fd N=PATH|N=-]... -- PROGRAM ARGS...
+"""sandbox.py ROOT [--no-spool] [--argv0 A] [--env K=V]... [--keep-env] [--fd N=PATH|N=-]...
+              [--resolver IP] -- PROGRAM ARGS...
 
 Run inside `unshare --mount`: keyseal's fixed paths come from ROOT (/etc/domainkeys from
 ROOT/domainkeys, the spool directory from ROOT/spool, /dev/log -> ROOT/log.sock on a private
@@ -57,6 +58,7 @@ def main():
     ap.add_argument("--env", action="append", default=[], help="NAME=VALUE (the only variables)")
     ap.add_argument("--keep-env", action="store_true", help="inherit the caller's environment")
     ap.add_argument("--fd", action="append", default=[], help="N=PATH opens PATH on N, N=- closes N")
+    ap.add_argument("--resolver", help="IP of the nameserver /etc/resolv.conf names")
     split = sys.argv.index("--")
     a = ap.parse_args(sys.argv[1:split])
     cmd = sys.argv[split + 1:]
@@ -68,6 +70,11 @@ def main():
     mount("tmpfs", scratch, "tmpfs", 0, "mode=0700")
 
     overlay("/etc", scratch, "etc")
+    if a.resolver:
+        if os.path.lexists("/etc/resolv.conf"):
+            os.remove("/etc/resolv.conf")
+        with open("/etc/resolv.conf", "w") as f:
+            f.write(f"nameserver {a.resolver}\noptions timeout:1 attempts:1\n")
     bind_dir(os.path.join(root, "domainkeys"), "/etc/domainkeys")
 
     overlay("/usr/local", scratch, "usrlocal")

@@ -1,0 +1,94 @@
+/*
+ * keyseal-admin - the administrator's command around the handler: keys, DNS records,
+ * checks and the self-test.  Every rule the handler applies is taken from the
+ * handler's own modules (dkim/dk_key.h and friends), never restated here.
+ *
+ * Commands return the process's exit status: 0 success, 1 a problem found.  They
+ * report through Report (one "ok:"/"warning:"/"error:" line per finding on standard
+ * output) or throw Problem (one line on standard error, exit 1) or Usage (exit 2).
+ * Results of OpenSSL are owned through the unique_ptr types below.
+ */
+#ifndef KEYSEAL_ADMIN_H
+#define KEYSEAL_ADMIN_H
+
+#include <memory>
+#include <openssl/evp.h>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace keyseal_admin
+{
+
+enum Exit { EXIT_OK = 0, EXIT_PROBLEM = 1, EXIT_USAGE = 2 };
+
+struct Problem : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+struct Usage : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/* Report - findings of a check, one line each; an error makes the exit status 1 */
+class Report
+{
+  public:
+    void ok(const std::string &what) { line("ok", what); }
+    void warning(const std::string &what) { line("warning", what); }
+    void error(const std::string &what)
+    {
+        line("error", what);
+        errors++;
+    }
+    void note(const std::string &what) { line("note", what); }
+    int exit_status() const { return errors == 0 ? EXIT_OK : EXIT_PROBLEM; }
+    int errors = 0;
+
+  private:
+    static void line(const char *kind, const std::string &what);
+};
+
+struct PkeyFree {
+    void operator()(EVP_PKEY *k) const { EVP_PKEY_free(k); }
+};
+using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
+
+/* The nameservers of --nameserver (IPv4), empty for the system resolver */
+using Nameservers = std::vector<std::string>;
+
+// names.cc
+/* check_name - refuse a domain or selector the handler would build a bad path from */
+void check_name(const char *what, const std::string &name);
+Nameservers parse_nameservers(const std::string &list);
+std::string errno_text(const std::string &path);
+/* key_path - the handler's key path for domain and selector */
+std::string key_path(const std::string &domain, const std::string &selector);
+
+// keys.cc
+/* read_key_text - the key file as the handler reads it; a DK_KEY_* status */
+int read_key_text(const std::string &path, std::string &text);
+/* load_private_key - PEM or bare base64 DER, as the handler's library takes it; never prompts */
+Pkey load_private_key(const std::string &text);
+std::string public_key_base64(EVP_PKEY *key);
+std::string key_pem(EVP_PKEY *key);
+/* dns_record - the zone-file lines of the key's TXT record, strings of at most 255 bytes */
+std::string dns_record(const std::string &domain, const std::string &selector,
+                       const std::string &public_b64);
+/* inspect_key - findings on the key file as the handler would read it; the key or null */
+Pkey inspect_key(const std::string &path, Report &report);
+int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
+               const std::string &group, bool force);
+int cmd_dns(const std::string &domain, const std::string &selector);
+
+// dns.cc
+/* lookup_txt - the TXT strings of each record at name, joined per record; throws Problem */
+std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns);
+int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns);
+
+// selftest.cc
+int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,
+             const std::string &keyseal);
+
+} // namespace keyseal_admin
+
+#endif

@@ -1,0 +1,231 @@
+#include "admin/admin.h"
+
+#include "dkim/dk_key.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <grp.h>
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace keyseal_admin
+{
+
+namespace
+{
+
+enum { DNS_STRING_MAX = 255, MIN_BITS = 1024, GOOD_BITS = 2048 };
+
+/* no_passphrase - a protected key must fail here, as it fails in the handler */
+int no_passphrase(char *, int, int, void *)
+{
+    return -1;
+}
+
+struct BioFree {
+    void operator()(BIO *b) const { BIO_free(b); }
+};
+using Bio = std::unique_ptr<BIO, BioFree>;
+
+std::string bio_text(BIO *b)
+{
+    char *data = nullptr;
+    long n = BIO_get_mem_data(b, &data);
+    return std::string(data, n > 0 ? (size_t)n : 0);
+}
+
+gid_t group_id(const std::string &group)
+{
+    if (group.empty()) {
+        /* the readers' group is the keys directory's; root's when it does not exist yet */
+        struct stat st;
+        return stat(DK_KEYS_DIR, &st) == 0 ? st.st_gid : 0;
+    }
+    struct group *g = getgrnam(group.c_str());
+    if (g != nullptr) return g->gr_gid;
+    char *end = nullptr;
+    unsigned long id = strtoul(group.c_str(), &end, 10);
+    if (end == group.c_str() || *end != '\0') throw Usage("no such group: " + group);
+    return (gid_t)id;
+}
+
+/* make_dir - a directory of mode with the key readers' group, unless it exists */
+void make_dir(const std::string &dir, mode_t mode, gid_t gid)
+{
+    if (mkdir(dir.c_str(), mode) != 0) {
+        if (errno == EEXIST) return;
+        throw Problem("cannot create directory " + errno_text(dir));
+    }
+    if (chmod(dir.c_str(), mode) != 0 || chown(dir.c_str(), (uid_t)-1, gid) != 0)
+        throw Problem("cannot set owner and mode of " + errno_text(dir));
+}
+
+/* write_key - PEM through a temporary file beside the key and rename: never half a key */
+void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
+{
+    std::string tmp = path.substr(0, path.rfind('/') + 1) + ".keygen.XXXXXX";
+    int fd = mkstemp(tmp.data());
+    if (fd < 0) throw Problem("cannot create a file in " + errno_text(tmp));
+    FILE *f = fdopen(fd, "w");
+    bool ok = f != nullptr && fchown(fd, (uid_t)-1, gid) == 0 && fchmod(fd, 0640) == 0 &&
+              PEM_write_PrivateKey(f, key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
+              fflush(f) == 0 && fsync(fd) == 0;
+    int err = errno;
+    if (f != nullptr ? fclose(f) != 0 : close(fd) != 0) ok = false;
+    if (ok && rename(tmp.c_str(), path.c_str()) == 0) return;
+    err = errno != 0 ? errno : err;
+    unlink(tmp.c_str());
+    errno = err;
+    throw Problem("cannot write the key " + errno_text(path));
+}
+
+} // namespace
+
+int read_key_text(const std::string &path, std::string &text)
+{
+    text.assign(DK_KEY_BUFFER + 1, '\0');
+    size_t length = 0;
+    int status = dk_key_read(path.c_str(), text.data(), &length);
+    text.resize(status == DK_KEY_OK ? length : 0);
+    return status;
+}
+
+Pkey load_private_key(const std::string &text)
+{
+    if (text.rfind("-----", 0) == 0) {
+        Bio in(BIO_new_mem_buf(text.data(), (int)text.size()));
+        return Pkey(PEM_read_bio_PrivateKey(in.get(), nullptr, no_passphrase, nullptr));
+    }
+    /* bare base64 DER: white space between the lines is allowed */
+    std::string b64;
+    for (char c : text)
+        if (!isspace((unsigned char)c)) b64 += c;
+    std::string der(b64.size(), '\0');
+    int n = EVP_DecodeBlock((unsigned char *)der.data(), (const unsigned char *)b64.data(),
+                            (int)b64.size());
+    if (n <= 0) return nullptr;
+    const unsigned char *p = (const unsigned char *)der.data();
+    Pkey key(d2i_AutoPrivateKey(nullptr, &p, n));
+    OPENSSL_cleanse(der.data(), der.size());
+    return key;
+}
+
+std::string public_key_base64(EVP_PKEY *key)
+{
+    unsigned char *der = nullptr;
+    int n = i2d_PUBKEY(key, &der);
+    if (n <= 0) throw Problem("cannot encode the public key");
+    std::string b64(4 * ((size_t)n + 2) / 3 + 1, '\0');
+    b64.resize((size_t)EVP_EncodeBlock((unsigned char *)b64.data(), der, n));
+    OPENSSL_free(der);
+    return b64;
+}
+
+std::string key_pem(EVP_PKEY *key)
+{
+    Bio out(BIO_new(BIO_s_secmem()));
+    if (!out ||
+        PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
+        throw Problem("cannot encode the private key");
+    return bio_text(out.get());
+}
+
+std::string dns_record(const std::string &domain, const std::string &selector,
+                       const std::string &public_b64)
+{
+    std::string head = "v=DKIM1; k=rsa; ", value = "p=" + public_b64;
+    std::string out = selector + "._domainkey." + domain + ". IN TXT ( \"" + head + "\"";
+    for (size_t at = 0; at < value.size(); at += DNS_STRING_MAX)
+        out += "\n\t\"" + value.substr(at, DNS_STRING_MAX) + "\"";
+    out += " )\n";
+    out += "; the same value as one string, for web-based DNS editors:\n";
+    out += "; " + head + value + "\n";
+    return out;
+}
+
+Pkey inspect_key(const std::string &path, Report &report)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        report.error("key file " + errno_text(path));
+        return nullptr;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        report.error("key file " + path + " is not a regular file");
+        return nullptr;
+    }
+    std::string key;
+    int status = read_key_text(path, key);
+    if (status != DK_KEY_OK) {
+        report.error("key file " + path + " cannot be used: " +
+                     (status == DK_KEY_TOO_BIG
+                          ? "it must be at most " + std::to_string(DK_KEY_BUFFER - 1) + " bytes"
+                          : std::string(strerror(errno))));
+        return nullptr;
+    }
+    report.ok("key file " + path + " (" + std::to_string(key.size()) + " bytes)");
+    if (st.st_mode & (S_IWGRP | S_IWOTH))
+        report.error("key file " + path + " is writable by group or others: chmod 0640");
+    else if (st.st_mode & S_IROTH)
+        report.warning("key file " + path + " is readable by others: chmod 0640");
+    Pkey pkey = load_private_key(key);
+    OPENSSL_cleanse(key.data(), key.size());
+    if (!pkey || EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA) {
+        report.error("key file " + path + " does not hold an RSA private key (PEM or base64 DER)");
+        return nullptr;
+    }
+    int bits = EVP_PKEY_get_bits(pkey.get());
+    std::string size = "RSA key of " + std::to_string(bits) + " bits";
+    if (bits < MIN_BITS)
+        report.error(size + ": the signer refuses keys below 1024 bits");
+    else if (bits < GOOD_BITS)
+        report.warning(size + ": 2048 bits or more is recommended");
+    else
+        report.ok(size);
+    return bits < MIN_BITS ? nullptr : std::move(pkey);
+}
+
+int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
+               const std::string &group, bool force)
+{
+    check_name("domain", domain);
+    check_name("selector", selector);
+    gid_t gid = group_id(group);
+    std::string dir = std::string(DK_KEYS_DIR) + "/" + domain, path = key_path(domain, selector);
+    if (!force && access(path.c_str(), F_OK) == 0)
+        throw Problem("a key exists already: " + path + " (--force replaces it)");
+
+    Pkey key(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", (size_t)bits));
+    if (!key) throw Problem("cannot generate an RSA key of " + std::to_string(bits) + " bits");
+    make_dir(DK_KEYS_DIR, 0755, 0);
+    make_dir(dir, 0750, gid);
+    write_key(key.get(), path, gid);
+    fprintf(stderr, "wrote %s (RSA %d bits, mode 0640, group %u); publish this record:\n",
+            path.c_str(), bits, (unsigned)gid);
+    fputs(dns_record(domain, selector, public_key_base64(key.get())).c_str(), stdout);
+    return EXIT_OK;
+}
+
+int cmd_dns(const std::string &domain, const std::string &selector)
+{
+    check_name("domain", domain);
+    check_name("selector", selector);
+    std::string path = key_path(domain, selector), key;
+    int status = read_key_text(path, key);
+    if (status != DK_KEY_OK)
+        throw Problem(status == DK_KEY_TOO_BIG ? path + ": larger than a key file may be"
+                                               : "cannot read the key " + errno_text(path));
+    Pkey pkey = load_private_key(key);
+    OPENSSL_cleanse(key.data(), key.size());
+    if (!pkey || EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA)
+        throw Problem(path + " does not hold an RSA private key (PEM or base64 DER)");
+    fputs(dns_record(domain, selector, public_key_base64(pkey.get())).c_str(), stdout);
+    return EXIT_OK;
+}
+
+} // namespace keyseal_admin

@@ -1,0 +1,89 @@
+/*
+ * keyseal-admin - keys, DNS records, checks and the self-test for the keyseal handler.
+ * Exit status: 0 success, 1 a problem found, 2 a usage error.
+ */
+#include "admin/admin.h"
+
+#include "dkim/dk_key.h"
+#include "util/halyx_log.h"
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <cstdio>
+#include <syslog.h>
+#include <unistd.h>
+
+using namespace keyseal_admin;
+
+/* installed_handler - keyseal beside this program, as the package and make install put it */
+static std::string installed_handler()
+{
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) return "keyseal";
+    std::string path(self, (size_t)n);
+    return path.substr(0, path.rfind('/') + 1) + "keyseal";
+}
+
+int main(int argc, char **argv)
+{
+    /* before anything logs: the library's messages belong on the terminal, not in syslog */
+    halyx_log_init("stderr", LOG_INFO, LOG_MAIL, 0, nullptr);
+
+    CLI::App app{"keyseal-admin - keys, DNS records, checks and the self-test for keyseal"};
+    app.set_version_flag("--version", "keyseal-admin " KEYSEAL_VERSION);
+    app.require_subcommand(1);
+    std::string domain, selector = DK_DEFAULT_SELECTOR, group, nameservers;
+    std::string keyseal = installed_handler();
+    int bits = 2048;
+    bool force = false;
+    auto domain_arg = [&](CLI::App *c) {
+        c->add_option("DOMAIN", domain, "the signing domain (the sender's domain)")->required();
+        c->add_option("-s,--selector", selector, "the selector")->capture_default_str();
+    };
+    auto dns_args = [&](CLI::App *c) {
+        c->add_option("--nameserver", nameservers,
+                      "IPv4 nameservers to ask, separated by ',' (default: /etc/resolv.conf)");
+    };
+
+    auto *keygen = app.add_subcommand("keygen", "generate a domain's key and print its DNS record");
+    domain_arg(keygen);
+    keygen->add_option("--bits", bits, "key size")
+        ->check(CLI::IsMember({1024, 2048, 3072, 4096}))
+        ->capture_default_str();
+    keygen->add_option("--group", group,
+                       "the key readers' group (default: that of " DK_KEYS_DIR ")");
+    keygen->add_flag("--force", force, "replace an existing key");
+    auto *dns = app.add_subcommand("dns", "print the DNS record of an existing key");
+    domain_arg(dns);
+    auto *check = app.add_subcommand("check", "check the key file and its published record");
+    domain_arg(check);
+    dns_args(check);
+    auto *test =
+        app.add_subcommand("test", "sign a sample with the installed handler and verify it");
+    domain_arg(test);
+    dns_args(test);
+    test->add_option("--keyseal", keyseal, "the handler binary")->capture_default_str();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        int rc = app.exit(e);
+        return rc == 0 ? EXIT_OK : EXIT_USAGE;
+    }
+
+    const std::string name = app.get_subcommands().front()->get_name();
+    try {
+        if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
+        if (name == "dns") return cmd_dns(domain, selector);
+        Nameservers ns = parse_nameservers(nameservers);
+        if (name == "check") return cmd_check(domain, selector, ns);
+        return cmd_test(domain, selector, ns, keyseal);
+    } catch (const Usage &e) {
+        fprintf(stderr, "keyseal-admin %s: %s\n", name.c_str(), e.what());
+        return EXIT_USAGE;
+    } catch (const Problem &e) {
+        fprintf(stderr, "keyseal-admin %s: %s\n", name.c_str(), e.what());
+        return EXIT_PROBLEM;
+    }
+}
