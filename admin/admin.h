@@ -1,7 +1,8 @@
 /*
  * keyseal-admin - the administrator's command around the handler: keys, DNS records,
- * checks and the self-test.  Every rule the handler applies is taken from the
- * handler's own modules (dkim/dk_key.h and friends), never restated here.
+ * checks, the self-test, the whitelist, "why was this not signed?" and the spool.  Every rule the
+ * handler applies is taken from the handler's own modules (dkim/dk_key.h and friends), never
+ * restated here.
  *
  * Commands return the process's exit status: 0 success, 1 a problem found.  They
  * report through Report (one "ok:"/"warning:"/"error:" line per finding on standard
@@ -88,6 +89,22 @@ int cmd_check(const std::string &domain, const std::string &selector, const Name
 // selftest.cc
 int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,
              const std::string &keyseal);
+
+// whitelist.cc
+int cmd_whitelist_list();
+int cmd_whitelist_lint();
+int cmd_whitelist_add(const std::string &network);
+int cmd_whitelist_remove(const std::string &network);
+int cmd_whitelist_check(const std::string &ip);
+/* whitelist_entry - the word that admits ip, with its line, or "" */
+std::string whitelist_entry(const std::string &ip);
+
+// explain.cc
+int cmd_explain(const std::string &from, const std::string &context,
+                const std::vector<std::string> &env);
+
+// spool.cc
+int cmd_spool(bool clean, long older_than);
 
 } // namespace keyseal_admin
 

@@ -1,5 +1,6 @@
 /*
- * keyseal-admin - keys, DNS records, checks and the self-test for the keyseal handler.
+ * keyseal-admin - keys, DNS records, checks, the self-test, the whitelist, explain and
+ * the spool, for the keyseal handler.
  * Exit status: 0 success, 1 a problem found, 2 a usage error.
  */
 #include "admin/admin.h"
@@ -65,6 +66,31 @@ int main(int argc, char **argv)
     dns_args(test);
     test->add_option("--keyseal", keyseal, "the handler binary")->capture_default_str();
 
+    std::string network, from, context;
+    std::vector<std::string> env;
+    auto *wl = app.add_subcommand("whitelist", "show, edit and lint the signing whitelist");
+    wl->require_subcommand(1);
+    wl->add_subcommand("list", "the entries, with what each really admits");
+    wl->add_subcommand("lint", "every word that does not do what it looks like");
+    for (const char *c : {"add", "remove"})
+        wl->add_subcommand(c, std::string(c) + " a network")
+            ->add_option("NETWORK", network, "ADDRESS or ADDRESS/PREFIX")
+            ->required();
+    wl->add_subcommand("check", "would the handler whitelist this client?")
+        ->add_option("IP", network, "the client address (TCPREMOTEIP)")
+        ->required();
+    auto *explain = app.add_subcommand("explain", "replay the handler's decision for a message");
+    explain->add_option("--from", from, "the envelope sender (default: the null sender)");
+    explain->add_option("--context", context, "the handler's CONTEXT argument");
+    explain->add_option("--env", env, "NAME=VALUE for a policy variable (repeatable)");
+    bool clean = false;
+    long older_than = 3600;
+    auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
+    spool->add_flag("--clean", clean, "remove spool files older than --older-than");
+    spool->add_option("--older-than", older_than, "seconds")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -72,10 +98,19 @@ int main(int argc, char **argv)
         return rc == 0 ? EXIT_OK : EXIT_USAGE;
     }
 
-    const std::string name = app.get_subcommands().front()->get_name();
+    CLI::App *command = app.get_subcommands().front();
+    std::string name = command->get_name();
+    if (name == "whitelist") name += " " + command->get_subcommands().front()->get_name();
     try {
         if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
         if (name == "dns") return cmd_dns(domain, selector);
+        if (name == "whitelist list") return cmd_whitelist_list();
+        if (name == "whitelist lint") return cmd_whitelist_lint();
+        if (name == "whitelist add") return cmd_whitelist_add(network);
+        if (name == "whitelist remove") return cmd_whitelist_remove(network);
+        if (name == "whitelist check") return cmd_whitelist_check(network);
+        if (name == "explain") return cmd_explain(from, context, env);
+        if (name == "spool") return cmd_spool(clean, older_than);
         Nameservers ns = parse_nameservers(nameservers);
         if (name == "check") return cmd_check(domain, selector, ns);
         return cmd_test(domain, selector, ns, keyseal);

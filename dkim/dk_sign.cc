@@ -27,6 +27,16 @@ dk_result *dk_result_init(void)
     return r;
 }
 
+char *dk_result_failure(const dk_result *result)
+{
+    if (result->status != DKIM_STAT_OK)
+        return asprintf_safe("DKIM error: %s",
+                             result->text != nullptr ? result->text : "no description");
+    if (result->text == nullptr)
+        return asprintf_safe("DKIM error: %s", "no signature header was made");
+    return nullptr;
+}
+
 void dk_result_free(dk_result *result)
 {
     free(result->text);

@@ -34,6 +34,9 @@ dk_result *keyseal(const char *domain, const char *selector, const char *key, FI
 DKIM_LIB *dk_init(dk_result *result, unsigned int flags);
 /* feed_message - stream the message and finish it; status/text describe the outcome */
 dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result);
+/* dk_result_failure - the handler's log line when the result cannot be used as a header
+ * ("DKIM error: ..."), or NULL when it can; the caller frees it */
+char *dk_result_failure(const dk_result *result);
 dk_result *dk_result_init(void);
 void dk_result_free(dk_result *result);
 

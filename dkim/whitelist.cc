@@ -42,8 +42,14 @@ void Whitelist::load()
 
 bool Whitelist::check(const std::string &ip) const
 {
-    return std::any_of(networks.begin(), networks.end(),
-                       [&](const net::IPAnyNetwork &n) { return n.contains(ip); });
+    return find(ip) >= 0;
+}
+
+long Whitelist::find(const std::string &ip) const
+{
+    auto it = std::find_if(networks.begin(), networks.end(),
+                           [&](const net::IPAnyNetwork &n) { return n.contains(ip); });
+    return it == networks.end() ? -1 : it - networks.begin();
 }
 
 void Whitelist::addNetwork(const std::string &address, uint16_t prefix)

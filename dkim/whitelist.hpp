@@ -29,6 +29,8 @@ class Whitelist
 
     void load();
     bool check(const std::string &ip) const;
+    /* find - the index of the first entry that admits ip, in file order; -1 for none */
+    long find(const std::string &ip) const;
     void addNetwork(const std::string &address, uint16_t prefix); // saves when changed
     void putNetwork(const net::IPAnyNetwork &network);            // does not save
     void removeNetwork(const std::string &text);                  // saves when changed

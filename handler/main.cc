@@ -7,8 +7,8 @@
  * and exit 0, "SKIP" and exit 5 (standard input not read), exit 255 on error.
  */
 #include "dkim/dk_key.h"
+#include "dkim/dk_policy.h"
 #include "dkim/dk_sign.h"
-#include "dkim/whitelist.h"
 #include "mailhandler/mail_me.h"
 #include "mailhandler/mh_handler.h"
 #include "util/halyx_log.h"
@@ -25,29 +25,6 @@ enum {
 };
 
 static const char SIGNATURE_HEADER[] = "DKIM-Signature:";
-
-/* may_sign - the signing policy; the first rule that holds decides */
-static bool may_sign(void)
-{
-    const char *v = getenv("PPP_INSIDE_SENDMAIL");
-    if (v != nullptr && strcmp(v, "1") == 0) {
-        halyx_log(6, "Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing", v);
-        return true;
-    }
-    v = getenv("SMTP_AUTHORIZED");
-    if (v != nullptr && *v != '\0') {
-        halyx_log(6, "Authorized user (SMTP_AUTHORIZED=%s) -> signing", v);
-        return true;
-    }
-    v = getenv("TCPREMOTEIP");
-    if (v != nullptr && *v != '\0' && dkim_whitelist_contains(v)) {
-        halyx_log(6, "Whitelisted TCPREMOTEIP=%s -> signing", v);
-        return true;
-    }
-    halyx_log(6, "Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing",
-              v != nullptr ? v : "NULL");
-    return false;
-}
 
 /* signs_for - the line carries a d= tag naming domain exactly; -1 if it cannot be parsed */
 static int signs_for(line_sections *ls, const char *text, const char *domain)
@@ -114,12 +91,11 @@ static int sign_message(mail_me *me, const char *domain, const char *selector, c
     }
     dk_result *r = keyseal(domain, selector, key, msg);
     fclose(msg);
+    char *failure = dk_result_failure(r);
     int rc = 0;
-    if (r->status != DKIM_STAT_OK) {
-        halyx_log(3, "DKIM error: %s", r->text != nullptr ? r->text : "no description");
-        rc = -1;
-    } else if (r->text == nullptr) {
-        halyx_log(3, "DKIM error: %s", "no signature header was made");
+    if (failure != nullptr) {
+        halyx_log(3, "%s", failure);
+        free(failure);
         rc = -1;
     } else if (me_header_add(&me->headers, 1, nullptr, r->text) != 0) {
         rc = -1;
@@ -157,7 +133,11 @@ int main(int argc, char **argv)
         halyx_log(3, "Unable to intialize keyseal mail handler");
         return EXIT_FAILED;
     }
-    if (!may_sign()) {
+    char *decision = nullptr;
+    int rule = dk_policy_decide(&decision);
+    halyx_log(6, "%s", decision);
+    free(decision);
+    if (rule == DK_POLICY_SKIP) {
         fwrite("SKIP", 1, 4, stderr);
         return EXIT_SKIPPED;
     }

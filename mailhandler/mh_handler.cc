@@ -44,6 +44,12 @@ int mh_std_fds_open(void)
     return 0;
 }
 
+const char *mh_from_domain(const char *from)
+{
+    const char *at = strchr(from, '@');
+    return at != nullptr ? at + 1 : "";
+}
+
 int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
 {
     static const char usage[] = "Some args not defined. Use %s <CONTEXT> <FROM> <TO>\n";
@@ -59,8 +65,7 @@ int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
     }
 
     ctx->from = argv[2];
-    const char *at = strchr(argv[2], '@');
-    ctx->from_domain = at != nullptr ? at + 1 : "";
+    ctx->from_domain = mh_from_domain(argv[2]);
     ctx->recipients = &argv[3];
     ctx->context = argv[1];
 

@@ -26,6 +26,8 @@ typedef struct mh_handler_context {
 } mh_handler_context;
 
 int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv);
+/* mh_from_domain - the text after the first '@' of from (a pointer into it), or "" */
+const char *mh_from_domain(const char *from);
 
 /* mh_std_fds_open - call before anything opens a descriptor (logging included): a
  * closed standard descriptor is re-opened on /dev/null in the direction that fails

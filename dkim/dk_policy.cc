@@ -1,0 +1,31 @@
+#include "dkim/dk_policy.h"
+
+#include "dkim/whitelist.h"
+#include "util/halyx_log.h"
+
+#include <cstdlib>
+#include <cstring>
+
+int dk_policy_decide(char **line)
+{
+    /* exact comparison: 01 or yes do not count */
+    const char *v = getenv("PPP_INSIDE_SENDMAIL");
+    if (v != nullptr && strcmp(v, "1") == 0) {
+        *line = asprintf_safe("Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing", v);
+        return DK_POLICY_SENDMAIL;
+    }
+    v = getenv("SMTP_AUTHORIZED");
+    if (v != nullptr && *v != '\0') {
+        *line = asprintf_safe("Authorized user (SMTP_AUTHORIZED=%s) -> signing", v);
+        return DK_POLICY_AUTHORIZED;
+    }
+    v = getenv("TCPREMOTEIP");
+    if (v != nullptr && *v != '\0' && dkim_whitelist_contains(v)) {
+        *line = asprintf_safe("Whitelisted TCPREMOTEIP=%s -> signing", v);
+        return DK_POLICY_WHITELISTED;
+    }
+    *line =
+        asprintf_safe("Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing",
+                      v != nullptr ? v : "NULL");
+    return DK_POLICY_SKIP;
+}

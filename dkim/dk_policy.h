@@ -1,0 +1,31 @@
+/*
+ * dk_policy - the signing policy: may this message be signed, and by which rule.
+ *
+ * Rules, tested in this order from the process environment, the first that holds
+ * deciding: PPP_INSIDE_SENDMAIL exactly "1"; SMTP_AUTHORIZED not empty; TCPREMOTEIP not
+ * empty and on the signing whitelist (the only rule that reads a file).  Otherwise the
+ * message is not eligible.  dk_policy_decide() returns the rule and sets *line to the
+ * handler's log line for the decision (level informational; the caller frees it).
+ * It never fails; memory exhaustion ends the process (status 1) through asprintf_safe.
+ */
+#ifndef DK_POLICY_H
+#define DK_POLICY_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum dk_policy_rule {
+    DK_POLICY_SKIP = 0,
+    DK_POLICY_SENDMAIL = 1,
+    DK_POLICY_AUTHORIZED = 2,
+    DK_POLICY_WHITELISTED = 3,
+};
+
+int dk_policy_decide(char **line);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
