@@ -1,42 +1,56 @@
 # keyseal - entry points for administrators and CI.
-#   make demo    sign a sample message in a private sandbox and verify it
-#   make check   build (normal and sanitizer trees) and run every test
-#   make install install the handler (DESTDIR and PREFIX respected)
-#   make bench   measure keyseal against its peers and floors
-#   make fuzz    run every fuzz target for FUZZ_SECONDS (libFuzzer, clang)
+#   make demo            sign a sample message in a private sandbox and verify it
+#   make check           build (normal and sanitizer trees), the package, and run every test
+#   make install         install the handler and keyseal-admin (DESTDIR and PREFIX respected)
+#   make uninstall       remove what make install put there (keys and whitelist stay)
+#   make deb             dist/keyseal_VERSION_ARCH.deb
+#   make bench           measure keyseal against its peers and floors
+#   make fuzz            run every fuzz target for FUZZ_SECONDS (libFuzzer, clang)
+#   make check-debian13  make demo and make check in a fresh Debian 13 root (needs the archive)
 
 PREFIX  ?= /usr/local
 BUILD   ?= build
 ASAN    ?= build-asan
+PKG     ?= build-pkg
 FUZZ    ?= build-fuzz
+JOBS    ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS = line_parse header whitelist_word conf signer
-JOBS    ?= $(shell nproc)
-SUDO    := $(if $(filter 0,$(shell id -u)),,sudo)
+VERSION := $(shell sed -n 's/^project.keyseal VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+ARCH    := $(shell dpkg --print-architecture 2>/dev/null)
+DEB      = dist/keyseal_$(VERSION)_$(ARCH).deb
+SUDO    := $(if $(filter 0,$(shell id -u)),,sudo DEBIAN_FRONTEND=noninteractive)
+MAKEFLAGS += --no-print-directory
 
+# zlib and zstd: Debian 13's libcrypto names them in its static link line
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
-	googletest libgtest-dev libgmock-dev openssl util-linux python3 python3-dkim python3-pytest \
-	clang libclang-rt-14-dev libcli11-dev nsd iproute2 scdoc
+	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
+	python3 python3-dkim python3-dnspython python3-pytest clang libclang-rt-14-dev libcli11-dev \
+	nsd scdoc debhelper dpkg-dev lintian git
 BENCH_PACKAGES = libmail-dkim-perl
+DEBIAN13_PACKAGES = debootstrap
 
-.PHONY: all deps build build-asan check demo install bench fuzz clean format
+.PHONY: all deps build build-asan check demo install uninstall deb bench fuzz check-debian13 clean format
 
 all: build
 
+# Installs what is missing: the list first, then silence unless apt fails.
 deps:
 	@missing=$$(for p in $(DEB_PACKAGES); do \
 		dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'ok installed' || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
 		echo "installing Debian packages:" $$missing; \
-		$(SUDO) apt-get update -qq && \
-		DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+		log=$$(mktemp); \
+		{ $(SUDO) apt-get update -qq && DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq \
+			--no-install-recommends $$missing; } >$$log 2>&1 || { cat $$log; rm -f $$log; exit 1; }; \
+		rm -f $$log; \
 	fi
 
 $(BUILD)/Makefile: | deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
 
 $(ASAN)/Makefile: | deps
-	cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DKEYSEAL_SANITIZE=ON
+	cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DKEYSEAL_SANITIZE=ON >/dev/null
 
 build: deps $(BUILD)/Makefile
 	cmake --build $(BUILD) -j $(JOBS)
@@ -44,12 +58,13 @@ build: deps $(BUILD)/Makefile
 build-asan: deps $(ASAN)/Makefile
 	cmake --build $(ASAN) -j $(JOBS)
 
-check: build build-asan
-	cd $(BUILD) && ctest --output-on-failure
+check: build build-asan deb
+	cd $(BUILD) && KEYSEAL_DEB=$(CURDIR)/$(DEB) ctest --output-on-failure
 	cd $(ASAN) && ctest --output-on-failure
 
-demo: build
-	/usr/bin/python3 demo/demo.py $(BUILD)/keyseal
+demo: deps $(BUILD)/Makefile
+	@cmake --build $(BUILD) -j $(JOBS) --target keyseal >/dev/null
+	@/usr/bin/python3 demo/demo.py $(BUILD)/keyseal
 
 # The key and spool paths are fixed in the binary; DESTDIR is honoured for them too.
 install: build
@@ -57,9 +72,27 @@ install: build
 	install -d -m 0755 $(DESTDIR)/etc/domainkeys
 	install -d -m 1733 $(DESTDIR)/usr/local/hlx/handlers/spool
 
+uninstall:
+	rm -f $(DESTDIR)$(PREFIX)/bin/keyseal $(DESTDIR)$(PREFIX)/bin/keyseal-admin \
+		$(DESTDIR)$(PREFIX)/share/man/man8/keyseal.8 $(DESTDIR)$(PREFIX)/share/man/man8/keyseal-admin.8
+	-rmdir $(DESTDIR)/usr/local/hlx/handlers/spool 2>/dev/null
+	@echo "kept: $(DESTDIR)/etc/domainkeys (keys and whitelist)"
+
+# Built from a copy of the work tree, so that dpkg-buildpackage writes nothing beside it.
+deb: deps
+	@rm -rf $(PKG)/src && mkdir -p $(PKG)/src/keyseal dist
+	@git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t $(PKG)/src/keyseal
+	@printf 'keyseal (%s) unstable; urgency=medium\n\n  * Release %s.\n\n -- keyseal authors <keyseal@example.org>  %s\n' \
+		$(VERSION) $(VERSION) "$$(date -R -d @$$(git log -1 --format=%ct 2>/dev/null || date +%s))" \
+		> $(PKG)/src/keyseal/debian/changelog
+	@cd $(PKG)/src/keyseal && dpkg-buildpackage -us -uc -b >../build.log 2>&1 || \
+		{ tail -40 ../build.log; exit 1; }
+	@cp $(PKG)/src/keyseal_$(VERSION)_$(ARCH).deb $(DEB) && echo "built $(DEB)"
+
 bench: build
-	@$(MAKE) --no-print-directory deps DEB_PACKAGES="$(BENCH_PACKAGES)"
-	/usr/bin/python3 bench/run.py --build $(BUILD)
+	@$(MAKE) deps DEB_PACKAGES="$(BENCH_PACKAGES)"
+	@$(MAKE) deb
+	/usr/bin/python3 bench/run.py --build $(BUILD) --package $(PKG)/src/keyseal/obj-$$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 
 # New inputs go to $(FUZZ)/corpus; the seeds under fuzz/corpus are only read.
 fuzz: deps
@@ -74,8 +107,12 @@ fuzz: deps
 		grep -E 'DONE|stat::number_of_executed_units' $(FUZZ)/fuzz_$$t.log; \
 	done
 
+check-debian13:
+	@$(MAKE) deps DEB_PACKAGES="$(DEBIAN13_PACKAGES)"
+	@sh tests/debian13.sh $(CURDIR)
+
 clean:
-	rm -rf $(BUILD) $(ASAN) $(FUZZ)
+	rm -rf $(BUILD) $(ASAN) $(PKG) $(FUZZ) dist
 
 format:
 	clang-format -i $$(git ls-files '*.cc' '*.h' '*.hpp')

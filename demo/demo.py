@@ -25,13 +25,18 @@ def main():
         message = f.read()
     args = ["dkimsel=default", "alice@example.com", "bob@example.net"]
     with tempfile.TemporaryDirectory(prefix="keyseal-demo-") as root:
-        sandbox = harness.Sandbox(root, binary)
+        try:
+            sandbox = harness.Sandbox(root, binary)
+        except harness.Unavailable as e:
+            print(f"make demo: {e}", file=sys.stderr)
+            return 1
         pem, _, public = harness.generate_key(2048)
         sandbox.put_key("example.com", "default", pem)
         result = sandbox.run(args, message, {"PPP_INSIDE_SENDMAIL": "1"})
         sandbox.close()
 
-    section("command")
+    section("commands (run inside the sandbox)")
+    print("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out /etc/domainkeys/example.com/default")
     print("PPP_INSIDE_SENDMAIL=1 keyseal " + " ".join(repr(a) if not a else a for a in args)
           + " < demo/sample.eml")
     section("signed message (standard output)")

@@ -216,6 +216,7 @@ char *strip_str(char *s)
     return s;
 }
 
+#ifndef HAVE_STRLCPY
 size_t strlcpy(char *dst, const char *src, size_t size)
 {
     size_t len = strlen(src);
@@ -227,3 +228,4 @@ size_t strlcpy(char *dst, const char *src, size_t size)
     }
     return len;
 }
+#endif

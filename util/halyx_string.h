@@ -50,7 +50,9 @@ char *halyx_rtrim(char *s);
 char *halyx_rtrim_symbol(char *s, int c);
 char *halyx_trim(char *s);
 char *strip_str(char *s);
+#ifndef HAVE_STRLCPY /* the C library's own where it has one */
 size_t strlcpy(char *dst, const char *src, size_t size);
+#endif
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,5 @@
 import os
+import shutil
 import sys
 
 import pytest
@@ -7,11 +8,21 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import harness  # noqa: E402
 
 
+def pytest_sessionfinish(session):
+    """Test keys live in pytest's folders: none is kept after the run."""
+    factory = getattr(session.config, "_tmp_path_factory", None)
+    if factory is not None and factory._basetemp is not None:
+        shutil.rmtree(factory._basetemp, ignore_errors=True)
+
+
 @pytest.fixture
 def sandbox(tmp_path):
     binary = os.environ.get("KEYSEAL_BIN")
     assert binary, "KEYSEAL_BIN names the keyseal binary under test"
-    sb = harness.Sandbox(tmp_path, os.path.abspath(binary))
+    try:
+        sb = harness.Sandbox(tmp_path, os.path.abspath(binary))
+    except harness.Unavailable as e:
+        pytest.exit(str(e), returncode=1)
     yield sb
     sb.close()
 

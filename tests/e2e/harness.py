@@ -58,13 +58,31 @@ def sandbox_cmd(root, argv, env=None, argv0=None, spool=True, keep_env=False, fd
     return cmd + ["--"] + list(argv)
 
 
+class Unavailable(Exception):
+    """The sandbox cannot start here; the text names the cause in one line."""
+
+
+def probe(root):
+    """Start the sandbox once with /bin/true, so that a missing right is reported as such and
+    not as keyseal's own stderr and exit status."""
+    r = subprocess.run(sandbox_cmd(root, ["/bin/true"]), capture_output=True, text=True)
+    if r.returncode != 0:
+        lines = (r.stderr.strip() or f"exit status {r.returncode}").splitlines()
+        raise Unavailable("cannot start the sandbox (a private mount namespace, as root): "
+                          + lines[-1])
+
+
 class Sandbox:
     resolver = None  # the nameserver of /etc/resolv.conf inside, when a test serves DNS
+    probed = False
 
     def __init__(self, root, binary):
         self.root, self.binary = str(root), binary
         for d in ("domainkeys", "spool"):
             os.makedirs(os.path.join(self.root, d), exist_ok=True)
+        if not Sandbox.probed:
+            probe(self.root)
+            Sandbox.probed = True
         self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.log.bind(os.path.join(self.root, "log.sock"))
         os.chmod(os.path.join(self.root, "log.sock"), 0o666)

@@ -1,0 +1,76 @@
+#!/usr/bin/python3
+"""package_test.py DEB SCRATCH: install the .deb into a throwaway root, sign and verify a
+message with the installed programs, purge, and show that only the keys are left.
+
+Run inside `unshare --mount` as root: the root is an overlay of / whose upper layer is a
+tmpfs under SCRATCH, so the host's dpkg database and /etc are never written."""
+import os
+import subprocess
+import sys
+
+MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
+MSG = b"From: Ann <ann@example.com>\nTo: bob@example.net\nSubject: package test\n\nhello\n"
+VERIFY = """
+import dkim, re, subprocess, sys
+out = subprocess.run(["keyseal-admin", "dns", "example.com"], check=True, capture_output=True).stdout
+record = b"".join(re.findall(rb'"([^"]*)"', out[:out.index(b")")]))
+sys.exit(0 if dkim.verify(sys.stdin.buffer.read(), dnsfunc=lambda *a, **k: record) else 1)
+"""
+
+
+def mount(*args):
+    subprocess.run(["mount", *args], check=True)
+
+
+def chroot(root, *cmd, stdin=None, check=True):
+    r = subprocess.run(["chroot", root, *cmd], input=stdin, capture_output=True,
+                       env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C"})
+    if check and r.returncode != 0:
+        raise SystemExit(f"FAILED: {' '.join(cmd)}: exit {r.returncode}\n{r.stdout.decode()}"
+                         f"{r.stderr.decode()}")
+    return r
+
+
+def main():
+    deb, scratch = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    mount("--make-rprivate", "/")
+    os.makedirs(scratch, exist_ok=True)
+    mount("-t", "tmpfs", "tmpfs", scratch)
+    up, work, root = (os.path.join(scratch, d) for d in ("up", "work", "root"))
+    for d in (up, work, root):
+        os.makedirs(d)
+    mount("-t", "overlay", "overlay", "-o", f"lowerdir=/,upperdir={up},workdir={work}", root)
+    for fs in ("/proc", "/dev", "/sys"):
+        mount("--rbind", fs, root + fs)
+    mount("-t", "tmpfs", "tmpfs", root + "/tmp")
+    subprocess.run(["cp", deb, root + "/tmp/keyseal.deb"], check=True)
+
+    steps = []
+    chroot(root, "dpkg", "-i", "/tmp/keyseal.deb")
+    st = os.stat(root + "/usr/local/hlx/handlers/spool")
+    steps.append(("spool directory 1730", oct(st.st_mode & 0o7777) == "0o1730"))
+    chroot(root, "keyseal-admin", "keygen", "example.com")
+    key = root + "/etc/domainkeys/example.com/default"
+    group = chroot(root, "getent", "group", "keyseal").stdout.split(b":")[2]
+    steps.append(("key in the keyseal group", os.stat(key).st_gid == int(group)))
+    signed = subprocess.run(["chroot", root, "env", "PPP_INSIDE_SENDMAIL=1", "/usr/sbin/keyseal",
+                             "", "ann@example.com", "bob@example.net"], input=MSG,
+                            capture_output=True)
+    steps.append(("installed handler signs", (signed.returncode, signed.stderr) == (0, b"PASS")))
+    steps.append(("dkimpy verifies", chroot(root, "python3", "-c", VERIFY, stdin=signed.stdout,
+                                            check=False).returncode == 0))
+    chroot(root, "dpkg", "--purge", "keyseal")
+    left = chroot(root, "dpkg-query", "-W", "keyseal", check=False).returncode
+    steps.append(("package gone from dpkg", left != 0))
+    steps.append(("programs gone", not os.path.exists(root + "/usr/sbin/keyseal")))
+    steps.append(("spool directory gone", not os.path.exists(root + "/usr/local/hlx")))
+    steps.append(("keys kept", os.path.exists(key)))
+    for name, ok in steps:
+        print(f"{'ok' if ok else 'FAILED'}: {name}")
+    failed = sum(not ok for _, ok in steps)
+    print(f"{len(steps) - failed} passed, {failed} failed")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
