@@ -26,7 +26,7 @@ MAKEFLAGS += --no-print-directory
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-dnspython python3-pytest clang libclang-rt-14-dev libcli11-dev \
-	nsd scdoc debhelper dpkg-dev lintian git
+	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog
 BENCH_PACKAGES = libmail-dkim-perl
 DEBIAN13_PACKAGES = debootstrap
 

@@ -106,6 +106,10 @@ int cmd_explain(const std::string &from, const std::string &context,
 // spool.cc
 int cmd_spool(bool clean, long older_than);
 
+// report.cc
+/* cmd_report - the handler's runs read from mail log files (plain or .gz), or the journal */
+int cmd_report(const std::string &since, bool json, const std::vector<std::string> &files);
+
 } // namespace keyseal_admin
 
 #endif

@@ -83,6 +83,13 @@ int main(int argc, char **argv)
     explain->add_option("--from", from, "the envelope sender (default: the null sender)");
     explain->add_option("--context", context, "the handler's CONTEXT argument");
     explain->add_option("--env", env, "NAME=VALUE for a policy variable (repeatable)");
+    std::string since;
+    bool json = false;
+    std::vector<std::string> files;
+    auto *report = app.add_subcommand("report", "what the handler did, read from the mail log");
+    report->add_option("--since", since, "YYYY-MM-DD, 'YYYY-MM-DD HH:MM', Nh or Nd");
+    report->add_flag("--json", json, "one JSON object instead of the text report");
+    report->add_option("FILE", files, "mail log files, plain or .gz (default: the journal)");
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
@@ -111,6 +118,7 @@ int main(int argc, char **argv)
         if (name == "whitelist check") return cmd_whitelist_check(network);
         if (name == "explain") return cmd_explain(from, context, env);
         if (name == "spool") return cmd_spool(clean, older_than);
+        if (name == "report") return cmd_report(since, json, files);
         Nameservers ns = parse_nameservers(nameservers);
         if (name == "check") return cmd_check(domain, selector, ns);
         return cmd_test(domain, selector, ns, keyseal);

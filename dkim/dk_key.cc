@@ -50,6 +50,6 @@ int dk_key_read(const char *path, char *key, size_t *length)
 
 char *dk_key_failure(int status, const char *path)
 {
-    if (status == DK_KEY_TOO_BIG) return asprintf_safe("private key buffer is not big enough");
-    return asprintf_safe("cannot get sender domain key from %s", path);
+    if (status == DK_KEY_TOO_BIG) return asprintf_safe("%s", DK_LOG_KEY_TOO_BIG);
+    return asprintf_safe(DK_LOG_NO_KEY, path);
 }

@@ -24,6 +24,9 @@ extern "C" {
 #define DK_CONTEXT_SELECTOR "dkimsel="
 #define DK_KEY_BUFFER 9216 /* a key file must be shorter than this */
 
+#define DK_LOG_NO_KEY "cannot get sender domain key from %s" /* the key path */
+#define DK_LOG_KEY_TOO_BIG "private key buffer is not big enough"
+
 enum dk_key_status {
     DK_KEY_OK = 0,
     DK_KEY_CANNOT_OPEN = -1, /* missing, unreadable, or a FIFO, device or socket */

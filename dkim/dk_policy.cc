@@ -11,21 +11,19 @@ int dk_policy_decide(char **line)
     /* exact comparison: 01 or yes do not count */
     const char *v = getenv("PPP_INSIDE_SENDMAIL");
     if (v != nullptr && strcmp(v, "1") == 0) {
-        *line = asprintf_safe("Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing", v);
+        *line = asprintf_safe(DK_LOG_SENDMAIL, v);
         return DK_POLICY_SENDMAIL;
     }
     v = getenv("SMTP_AUTHORIZED");
     if (v != nullptr && *v != '\0') {
-        *line = asprintf_safe("Authorized user (SMTP_AUTHORIZED=%s) -> signing", v);
+        *line = asprintf_safe(DK_LOG_AUTHORIZED, v);
         return DK_POLICY_AUTHORIZED;
     }
     v = getenv("TCPREMOTEIP");
     if (v != nullptr && *v != '\0' && dkim_whitelist_contains(v)) {
-        *line = asprintf_safe("Whitelisted TCPREMOTEIP=%s -> signing", v);
+        *line = asprintf_safe(DK_LOG_WHITELISTED, v);
         return DK_POLICY_WHITELISTED;
     }
-    *line =
-        asprintf_safe("Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing",
-                      v != nullptr ? v : "NULL");
+    *line = asprintf_safe(DK_LOG_NOT_SIGNING, v != nullptr ? v : "NULL");
     return DK_POLICY_SKIP;
 }

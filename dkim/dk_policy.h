@@ -15,6 +15,13 @@
 extern "C" {
 #endif
 
+/* The decision's log lines; keyseal-admin report reads them back from the mail log */
+#define DK_LOG_SENDMAIL "Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing"
+#define DK_LOG_AUTHORIZED "Authorized user (SMTP_AUTHORIZED=%s) -> signing"
+#define DK_LOG_WHITELISTED "Whitelisted TCPREMOTEIP=%s -> signing"
+#define DK_LOG_NOT_SIGNING                                                                         \
+    "Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing"
+
 enum dk_policy_rule {
     DK_POLICY_SKIP = 0,
     DK_POLICY_SENDMAIL = 1,
