@@ -25,9 +25,10 @@ MAKEFLAGS += --no-print-directory
 # zlib and zstd: Debian 13's libcrypto names them in its static link line
 DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
-	python3 python3-dkim python3-dnspython python3-pytest clang libclang-rt-14-dev libcli11-dev \
+	python3 python3-dkim python3-dnspython python3-pytest libcli11-dev \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog
 BENCH_PACKAGES = libmail-dkim-perl
+FUZZ_PACKAGES = clang
 DEBIAN13_PACKAGES = debootstrap
 
 .PHONY: all deps build build-asan check demo install uninstall deb bench fuzz check-debian13 clean format
@@ -96,6 +97,8 @@ bench: build
 
 # New inputs go to $(FUZZ)/corpus; the seeds under fuzz/corpus are only read.
 fuzz: deps
+	@$(MAKE) deps DEB_PACKAGES="$(FUZZ_PACKAGES)"
+	@$(MAKE) deps DEB_PACKAGES="libclang-rt-$$(clang -dumpversion | cut -d. -f1)-dev"
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEYSEAL_FUZZ=ON >/dev/null
 	@cmake --build $(FUZZ) -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS)) >$(FUZZ)/build.log 2>&1 || \
 		{ tail -40 $(FUZZ)/build.log; exit 1; }
