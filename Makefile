@@ -65,7 +65,7 @@ check: build build-asan deb
 
 demo: deps $(BUILD)/Makefile
 	@cmake --build $(BUILD) -j $(JOBS) --target keyseal >/dev/null
-	@/usr/bin/python3 demo/demo.py $(BUILD)/keyseal
+	@/usr/bin/python3 -m demo.demo $(BUILD)/keyseal
 
 # The key and spool paths are fixed in the binary; DESTDIR is honoured for them too.
 install: build
@@ -93,7 +93,7 @@ deb: deps
 bench: build
 	@$(MAKE) deps DEB_PACKAGES="$(BENCH_PACKAGES)"
 	@$(MAKE) deb
-	/usr/bin/python3 bench/run.py --build $(BUILD) --package $(PKG)/src/keyseal/obj-$$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+	/usr/bin/python3 -m bench.run --build $(BUILD) --package $(PKG)/src/keyseal/obj-$$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 
 # New inputs go to $(FUZZ)/corpus; the seeds under fuzz/corpus are only read.
 fuzz: deps
@@ -112,7 +112,7 @@ fuzz: deps
 
 check-debian13:
 	@$(MAKE) deps DEB_PACKAGES="$(DEBIAN13_PACKAGES)"
-	@sh tests/debian13.sh $(CURDIR)
+	@sh sandbox/debian13.sh $(CURDIR)
 
 clean:
 	rm -rf $(BUILD) $(ASAN) $(PKG) $(FUZZ) dist

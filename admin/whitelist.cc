@@ -3,6 +3,7 @@
 #include "dkim/dk_key.h"
 #include "dkim/whitelist.hpp"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cctype>
 #include <cstdio>

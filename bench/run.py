@@ -24,8 +24,7 @@ import threading
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TOP = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(TOP, "tests", "e2e"))
-import harness  # noqa: E402
+from sandbox import harness
 
 # (label, bytes, runs per round): five rounds interleave the contenders finely enough
 # that the noise of a small shared machine falls on all of them alike.
@@ -89,7 +88,7 @@ def outer(args):
         for name, size, _ in SIZES:
             for ending in ENDINGS:
                 write_input(os.path.join(work, f"{size}.{ending}"), message(size), ending)
-        cmd = harness.sandbox_cmd(sandbox.root, ["/usr/bin/python3", __file__, "--inside", work,
+        cmd = harness.sandbox_cmd(sandbox.root, ["/usr/bin/python3", "-m", "bench.run", "--inside", work,
                                                  "--build", build] + (["--quick"] if args.quick else [])
                                   + (["--package", os.path.abspath(args.package)] if args.package else []),
                                   keep_env=True)

@@ -10,9 +10,9 @@ import os
 import sys
 import tempfile
 
+from sandbox import harness
+
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
-import harness  # noqa: E402
 
 
 def section(title):

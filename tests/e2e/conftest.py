@@ -1,11 +1,9 @@
 import os
 import shutil
-import sys
 
 import pytest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import harness  # noqa: E402
+from sandbox import harness
 
 
 def pytest_sessionfinish(session):

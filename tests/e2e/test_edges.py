@@ -15,14 +15,12 @@ MSG = b"From: ann@example.com\nTo: bob@example.net\nSubject: s\n\n" + MARK + b"\
 
 
 def protected_key(sandbox):
-    pem = subprocess.run(["openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
-                          "rsa_keygen_bits:1024", "-aes256", "-pass", "pass:x"],
-                         check=True, capture_output=True).stdout
-    sandbox.put_key("example.com", "default", pem)
+    sandbox.put_key("example.com", "default", subprocess.run(
+        ["openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:1024", "-aes256",
+         "-pass", "pass:x"], check=True, capture_output=True).stdout)
 
 
 def fifo_key(sandbox):
-    os.makedirs(os.path.join(sandbox.root, "domainkeys", "example.com"), exist_ok=True)
     os.mkfifo(os.path.join(sandbox.root, "domainkeys", "example.com", "default"))
 
 
@@ -53,7 +51,7 @@ def test_edge(signer, setup, fds, status, log):
     if fds is None:
         code, out, err, logs = setup(signer)
     else:
-        if setup:
+        if setup:  # replaces the good key
             os.remove(os.path.join(signer.root, "domainkeys", "example.com", "default"))
             setup(signer)
         r = signer.run(ARGS, MSG, SENDMAIL, fds=fds, timeout=60)  # a hang fails the case

@@ -45,26 +45,23 @@ def main():
     mount("-t", "tmpfs", "tmpfs", root + "/tmp")
     subprocess.run(["cp", deb, root + "/tmp/keyseal.deb"], check=True)
 
-    steps = []
     chroot(root, "dpkg", "-i", "/tmp/keyseal.deb")
-    st = os.stat(root + "/usr/local/hlx/handlers/spool")
-    steps.append(("spool directory 1730", oct(st.st_mode & 0o7777) == "0o1730"))
+    spool_mode = os.stat(root + "/usr/local/hlx/handlers/spool").st_mode & 0o7777
     chroot(root, "keyseal-admin", "keygen", "example.com")
     key = root + "/etc/domainkeys/example.com/default"
-    group = chroot(root, "getent", "group", "keyseal").stdout.split(b":")[2]
-    steps.append(("key in the keyseal group", os.stat(key).st_gid == int(group)))
-    signed = subprocess.run(["chroot", root, "env", "PPP_INSIDE_SENDMAIL=1", "/usr/sbin/keyseal",
-                             "", "ann@example.com", "bob@example.net"], input=MSG,
-                            capture_output=True)
-    steps.append(("installed handler signs", (signed.returncode, signed.stderr) == (0, b"PASS")))
-    steps.append(("dkimpy verifies", chroot(root, "python3", "-c", VERIFY, stdin=signed.stdout,
-                                            check=False).returncode == 0))
+    group = int(chroot(root, "getent", "group", "keyseal").stdout.split(b":")[2])
+    signed = chroot(root, "env", "PPP_INSIDE_SENDMAIL=1", "/usr/sbin/keyseal", "", "ann@example.com",
+                    "bob@example.net", stdin=MSG, check=False)
+    verified = chroot(root, "python3", "-c", VERIFY, stdin=signed.stdout, check=False).returncode
     chroot(root, "dpkg", "--purge", "keyseal")
-    left = chroot(root, "dpkg-query", "-W", "keyseal", check=False).returncode
-    steps.append(("package gone from dpkg", left != 0))
-    steps.append(("programs gone", not os.path.exists(root + "/usr/sbin/keyseal")))
-    steps.append(("spool directory gone", not os.path.exists(root + "/usr/local/hlx")))
-    steps.append(("keys kept", os.path.exists(key)))
+    steps = [("spool directory 1730", spool_mode == 0o1730),
+             ("key in the keyseal group", os.stat(key).st_gid == group),
+             ("installed handler signs", (signed.returncode, signed.stderr) == (0, b"PASS")),
+             ("dkimpy verifies", verified == 0),
+             ("package gone from dpkg", chroot(root, "dpkg-query", "-W", "keyseal", check=False).returncode != 0),
+             ("programs gone", not os.path.exists(root + "/usr/sbin/keyseal")),
+             ("spool directory gone", not os.path.exists(root + "/usr/local/hlx")),
+             ("keys kept", os.path.exists(key))]
     for name, ok in steps:
         print(f"{'ok' if ok else 'FAILED'}: {name}")
     failed = sum(not ok for _, ok in steps)

@@ -2,7 +2,6 @@
 
 #include "mailhandler/mail_me.h"
 
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -31,8 +30,7 @@ std::string temp_dir()
         }
     } dirs;
     char tmpl[] = "/tmp/keyseal-test-XXXXXX";
-    dirs.push_back(mkdtemp(tmpl));
-    return dirs.back();
+    return dirs.emplace_back(mkdtemp(tmpl));
 }
 
 std::vector<std::string> spool_files()

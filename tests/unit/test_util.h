@@ -11,7 +11,7 @@ void write_file(const std::string &path, const std::string &data);
 std::string temp_dir(); // a fresh directory under /tmp, removed at exit
 std::vector<std::string> spool_files();
 void redirect_stdin(const std::string &input);
-/* fn's standard output: captured, or sent to fd when one is given */
+/* with_stdout - fn's standard output: captured, or sent to fd when one is given */
 std::string with_stdout(const std::function<void()> &fn, int fd = -1);
 
 #endif

@@ -27,25 +27,10 @@ class WhitelistFile : public testing::Test
     std::string path = temp_dir() + "/whitelist";
 };
 
-TEST_F(WhitelistFile, Check)
+TEST_F(WhitelistFile, ReadsEveryWordSilently)
 {
-    const struct {
-        std::string text;
-        const char *ip;
-        bool listed;
-    } cases[] = {
-        {"", "10.0.0.1", false},
-        {"\n  \t\n", "::1", false},
-        {"10.0.0.0/8 192.168.1.5\n", "10.1.2.3", true},
-        {"10.0.0.0/8 192.168.1.5\n", "192.168.1.5", true},
-        {"10.0.0.0/8 192.168.1.5\n", "192.168.1.6", false},
-        {"# 10.0.0.1 relay\n", "10.0.0.1", true},
-        {"2001:db8::1\n", "2001:db8::2", true},
-        {"2001:db8::1/128\n", "2001:db8::2", false},
-        {std::string(5000, '\0') + "\xff 10.9.9.9", "10.9.9.9", true},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(with(c.text).check(c.ip), c.listed) << c.ip;
+    EXPECT_FALSE(with("\n  \t\n").check("::1"));
+    EXPECT_TRUE(with(std::string(5000, '\0') + "\xff 10.9.9.9").check("10.9.9.9"));
     unlink(path.c_str());
     CaptureStderr();
     EXPECT_FALSE(Whitelist(path).check("10.0.0.1"));
@@ -57,44 +42,33 @@ TEST_F(WhitelistFile, EditingSavesOnlyOnChange)
     const struct {
         const char *initial;
         std::function<void(Whitelist &)> edit;
-        const char *after; // nullptr: not rewritten
+        const char *after; // nullptr: the same file, not rewritten
     } cases[] = {
+        // clang-format off
         {"10.0.0.0/8\n", [](Whitelist &w) { w.addNetwork("10.0.0.0", 8); }, nullptr},
-        {"10.0.0.0/16 1.2.3.4\n", [](Whitelist &w) { w.addNetwork("10.0.0.0", 8); },
-         "1.2.3.4/0\n10.0.0.0/8\n"},
-        {"2001:db8::1/64\n", [](Whitelist &w) { w.addNetwork("2001:DB8::1", 64); },
-         "2001:DB8::1/64\n"},
-        {"10.0.0.0/8 host 10.0.0.0/16\n", [](Whitelist &w) { w.removeNetwork("10.0.0.0/24"); },
-         "host\n"},
-        {"10.0.0.0/8\n", [](Whitelist &w) { w.removeNetwork("10.0.0.1"); }, nullptr},
-        {"10.0.0.0/8\n", [](Whitelist &w) { w.putNetwork(halyx::net::IPAnyNetwork("10.0.0.0/9")); },
-         nullptr},
+        {"2001:db8::1/64\n", [](Whitelist &w) { w.addNetwork("2001:DB8::1", 64); }, "2001:DB8::1/64\n"},
+        {"10.0.0.0/8 host 10.0.0.0/16\n", [](Whitelist &w) { w.removeNetwork("10.0.0.0/24"); }, "host\n"},
+        {"10.0.0.0/8\n", [](Whitelist &w) { w.putNetwork(halyx::net::IPAnyNetwork("10.0.0.0/9")); }, nullptr},
         {"10.0.0.1 relay\n", [](Whitelist &w) { w.save(); }, "10.0.0.1/0\nrelay\n"},
+        // clang-format on
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.initial);
         Whitelist w = with(c.initial);
+        struct stat before, after;
+        ASSERT_EQ(stat(path.c_str(), &before), 0);
         c.edit(w);
-        EXPECT_EQ(read_file(path), c.after ? c.after : c.initial) << c.initial;
+        ASSERT_EQ(stat(path.c_str(), &after), 0);
+        EXPECT_EQ(read_file(path), c.after ? c.after : c.initial);
+        EXPECT_EQ(after.st_ino == before.st_ino, c.after == nullptr); // a rewrite is a new inode
     }
     EXPECT_FALSE(Whitelist(path).check("10.0.0.2")); // 10.0.0.1/0 still means one address
-}
-
-TEST_F(WhitelistFile, SaveKeepsOwnerAndMode)
-{
-    write_file(path, "10.0.0.1\n");
-    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    ASSERT_EQ(chown(path.c_str(), 25, 25), 0);
-    Whitelist(path).save();
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
-    EXPECT_EQ(st.st_uid, 25u);
 
     std::string fresh = temp_dir() + "/new/dir/whitelist"; // the parents are made too
     Whitelist(fresh).addNetwork("10.0.0.0", 8);
+    struct stat st;
     ASSERT_EQ(stat(fresh.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0644u);
-    EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(std::make_pair(st.st_mode & 07777, st.st_uid), std::make_pair(0644u, 0u));
 }
 
 TEST_F(WhitelistFile, FailedWriteKeepsTheOldFile)

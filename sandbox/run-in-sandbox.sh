@@ -8,4 +8,4 @@ trap 'rm -rf "$root"' EXIT
 mkdir "$root/domainkeys" "$root/spool"
 ns="unshare --mount"
 [ "$(id -u)" = 0 ] || ns="$ns --map-root-user"
-$ns /usr/bin/python3 "$here/e2e/sandbox.py" "$root" --keep-env -- "$@"
+$ns /usr/bin/python3 "$here/namespace.py" "$root" --keep-env -- "$@"

