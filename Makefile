@@ -23,7 +23,7 @@ SUDO    := $(if $(filter 0,$(shell id -u)),,sudo DEBIAN_FRONTEND=noninteractive)
 MAKEFLAGS += --no-print-directory
 
 # zlib and zstd: Debian 13's libcrypto names them in its static link line
-DEB_PACKAGES = cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
+DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-dnspython python3-pytest libcli11-dev \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog

@@ -2,6 +2,7 @@
 
 #include "util/halyx_log.h"
 
+#include <syslog.h>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -10,7 +11,9 @@
 #include <cstring>
 
 enum {
-    CONF_LOG_LEVEL = 12, /* user facility, warning: the suite's tools watch for it there */
+    /* 12 = LOG_USER | LOG_WARNING: a facility folded into the level, so that syslog files the
+     * reader's complaints as user.warning, where the suite's tools have always looked */
+    CONF_LOG_LEVEL = LOG_USER | LOG_WARNING,
     CONF_INITIAL_SLOTS = 20,
 };
 
@@ -283,7 +286,7 @@ int autoprepend(void)
     init_array();
     conf_table *t = (conf_table *)calloc(1, sizeof(*t));
     if (t == nullptr) {
-        halyx_log(3, "Not enough memory to allocate Halyx runtime configuration structure");
+        halyx_log(LOG_ERR, "Not enough memory to allocate Halyx runtime configuration structure");
         return -1;
     }
     if (conf_read_file_r(HLX_CONF_PATH, t) != 0) {
@@ -323,7 +326,7 @@ const char *hlxConfGetDefault(const char *name)
     /* the low sentinel is searched, the high one is not */
     for (int i = 0; i < _MAX_POSSIBLE_HLX_CONF_VAR; i++)
         if (strcmp(name, theHlxConfNames[i]) == 0) return hlxConfGetDefaultByIndex(i);
-    halyx_log(3, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
+    halyx_log(LOG_ERR, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
               HLX_CONF_PATH);
     return nullptr;
 }

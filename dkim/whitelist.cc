@@ -5,6 +5,7 @@
 #include "util/halyx_log.h"
 
 #include <algorithm>
+#include <syslog.h>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -77,11 +78,11 @@ void Whitelist::save() const
 {
     std::filesystem::path parent = path.parent_path();
     if (!parent.empty() && make_dir_p(parent.c_str(), 0, 0, 0755) != 0) {
-        halyx_log(3, "Unable to create directory %s: %s", parent.c_str(), strerror(errno));
+        halyx_log(LOG_ERR, "Unable to create directory %s: %s", parent.c_str(), strerror(errno));
         return;
     }
     if (edit_file_safe(path.c_str(), writeLines, (void *)&networks, 0) != 0)
-        halyx_log(3, "Unable to write DKIM sign whitelist %s: %s", path.c_str(), strerror(errno));
+        halyx_log(LOG_ERR, "Unable to write DKIM sign whitelist %s: %s", path.c_str(), strerror(errno));
 }
 
 } // namespace halyx::mail::dkim
@@ -91,7 +92,7 @@ extern "C" bool dkim_whitelist_contains(const char *ip)
     try {
         return halyx::mail::dkim::Whitelist().check(ip);
     } catch (...) {
-        halyx_log(3, "Unable to check DKIM sign whitelist for %s", ip);
+        halyx_log(LOG_ERR, "Unable to check DKIM sign whitelist for %s", ip);
         return false;
     }
 }

@@ -14,6 +14,7 @@
 #include "util/halyx_log.h"
 #include "util/halyx_string.h"
 
+#include <syslog.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -74,7 +75,7 @@ static int read_key(const char *domain, const char *selector, char *key)
     int status = dk_key_read(path, key, &length);
     if (status != DK_KEY_OK) {
         char *why = dk_key_failure(status, path);
-        halyx_log(3, "%s", why);
+        halyx_log(LOG_ERR, "%s", why);
         free(why);
     }
     free(path);
@@ -86,7 +87,7 @@ static int sign_message(mail_me *me, const char *domain, const char *selector, c
 {
     FILE *msg = fopen(me->spool_path, "r");
     if (msg == nullptr) {
-        halyx_log(3, "DKIM error: %s", "cannot reopen the spooled message");
+        halyx_log(LOG_ERR, "DKIM error: %s", "cannot reopen the spooled message");
         return -1;
     }
     dk_result *r = keyseal(domain, selector, key, msg);
@@ -94,7 +95,7 @@ static int sign_message(mail_me *me, const char *domain, const char *selector, c
     char *failure = dk_result_failure(r);
     int rc = 0;
     if (failure != nullptr) {
-        halyx_log(3, "%s", failure);
+        halyx_log(LOG_ERR, "%s", failure);
         free(failure);
         rc = -1;
     } else if (me_header_add(&me->headers, 1, nullptr, r->text) != 0) {
@@ -110,7 +111,7 @@ static int handle(mh_handler_context *ctx, mail_me *me)
     line_sections ls;
     int cut = remove_old_signatures(me, ctx->from_domain, &ls);
     if (cut < 0 || (cut > 0 && mail_tmpfile_replace(me) != 0)) {
-        halyx_log(3, "Unable to modify the email's header");
+        halyx_log(LOG_ERR, "Unable to modify the email's header");
         return EXIT_FAILED;
     }
 
@@ -130,12 +131,12 @@ int main(int argc, char **argv)
     if (mh_std_fds_open() != 0) return EXIT_FAILED; /* nothing can be logged safely */
     mh_handler_context ctx;
     if (mh_handler_prepare(&ctx, argc, argv) != 0) {
-        halyx_log(3, "Unable to intialize keyseal mail handler");
+        halyx_log(LOG_ERR, "Unable to intialize keyseal mail handler");
         return EXIT_FAILED;
     }
     char *decision = nullptr;
     int rule = dk_policy_decide(&decision);
-    halyx_log(6, "%s", decision);
+    halyx_log(LOG_INFO, "%s", decision);
     free(decision);
     if (rule == DK_POLICY_SKIP) {
         fwrite("SKIP", 1, 4, stderr);
@@ -145,7 +146,7 @@ int main(int argc, char **argv)
     mail_spool_guard();
     mail_me *me = mail_stdin_to_tmpfile();
     if (me == nullptr) {
-        halyx_log(3, "Unable to save email into the temporary file");
+        halyx_log(LOG_ERR, "Unable to save email into the temporary file");
         return EXIT_FAILED;
     }
     int status = handle(&ctx, me);

@@ -2,6 +2,7 @@
 
 #include "util/halyx_log.h"
 
+#include <syslog.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -94,7 +95,7 @@ mail_me *mail_stdin_to_tmpfile(void)
 {
     mail_me *me = (mail_me *)calloc(1, sizeof(*me));
     if (me == nullptr) {
-        halyx_log(3, "cannot allocate memory for mail data structure");
+        halyx_log(LOG_ERR, "cannot allocate memory for mail data structure");
         return nullptr;
     }
     me->spool_path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
@@ -103,7 +104,7 @@ mail_me *mail_stdin_to_tmpfile(void)
     int fd;
     FILE *spool = spool_file(me->spool_path, &fd);
     if (fd < 0) {
-        halyx_log(3, "cannot create temporary file '%s': (%d) %s", me->spool_path, errno,
+        halyx_log(LOG_ERR, "cannot create temporary file '%s': (%d) %s", me->spool_path, errno,
                   strerror(errno));
         /* no file of ours stands behind the path: never unlink it */
         free(me->spool_path);
@@ -112,7 +113,7 @@ mail_me *mail_stdin_to_tmpfile(void)
         return nullptr;
     }
     if (spool == nullptr) {
-        halyx_log(3, "cannot open temporary file '%s': (%d) %s", me->spool_path, errno,
+        halyx_log(LOG_ERR, "cannot open temporary file '%s': (%d) %s", me->spool_path, errno,
                   strerror(errno));
         close(fd);
         mail_me_free(me);
@@ -129,7 +130,7 @@ mail_me *mail_stdin_to_tmpfile(void)
     /* a full disk may show only when the last buffer is flushed */
     if (fclose(spool) != 0 && failure == nullptr) failure = "cannot save the e-mail's body.";
     if (failure != nullptr) {
-        halyx_log(3, "%s", failure);
+        halyx_log(LOG_ERR, "%s", failure);
         mail_me_free(me);
         return nullptr;
     }
@@ -140,7 +141,7 @@ int mail_tmpfile_replace(mail_me *me)
 {
     FILE *old = fopen(me->spool_path, "r");
     if (old == nullptr) {
-        halyx_log(3, "Unable to open file '%s': %s", me->spool_path, strerror(errno));
+        halyx_log(LOG_ERR, "Unable to open file '%s': %s", me->spool_path, strerror(errno));
         return -1;
     }
     mail_header_skip(old);
@@ -149,7 +150,7 @@ int mail_tmpfile_replace(mail_me *me)
     int fd;
     FILE *out = spool_file(path, &fd);
     if (fd < 0) {
-        halyx_log(3, "cannot create temporary file to deliver email '%s'- (%d) %s", path, errno,
+        halyx_log(LOG_ERR, "cannot create temporary file to deliver email '%s'- (%d) %s", path, errno,
                   strerror(errno));
         fclose(old);
         free(path);
@@ -163,7 +164,7 @@ int mail_tmpfile_replace(mail_me *me)
         close(fd);
     fclose(old);
     if (!ok) {
-        halyx_log(3, "cannot write e-mail into '%s'.", path);
+        halyx_log(LOG_ERR, "cannot write e-mail into '%s'.", path);
         spool_unlink(path);
         free(path);
         return -1;
@@ -181,13 +182,13 @@ int mail_tmpfile_to_stdout(mail_me *me)
     mail_header_skip(in);
     /* flushed here, so that a failure to deliver the header block is reported as one */
     if (mail_header_write(stdout, me) != 0 || fflush(stdout) != 0) {
-        halyx_log(3, "cannot write the e-mail's envelope into '%s'.", me->spool_path);
+        halyx_log(LOG_ERR, "cannot write the e-mail's envelope into '%s'.", me->spool_path);
         fclose(in);
         return -1;
     }
     /* the body's fate is logged, not returned: the chain has the headers already */
     if (write_fp_to_fp(in, stdout) != 0 || fflush(stdout) != 0)
-        halyx_log(3, "cannot write the e-mail's body into '%s'.", me->spool_path);
+        halyx_log(LOG_ERR, "cannot write the e-mail's body into '%s'.", me->spool_path);
     fclose(in);
     return 0;
 }
@@ -206,7 +207,7 @@ char *stdin_to_tmpfile(void)
     char *path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
     int fd = mkstemp(path);
     if (fd < 0) {
-        halyx_log(3, "cannot create temporary file - (%d) %s", errno, strerror(errno));
+        halyx_log(LOG_ERR, "cannot create temporary file - (%d) %s", errno, strerror(errno));
         free(path);
         return nullptr;
     }
@@ -226,9 +227,9 @@ char *stdin_to_tmpfile(void)
     }
     if (failure == nullptr) return path;
     if (err != 0)
-        halyx_log(3, failure, err, strerror(err));
+        halyx_log(LOG_ERR, failure, err, strerror(err));
     else
-        halyx_log(3, "%s", failure);
+        halyx_log(LOG_ERR, "%s", failure);
     unlink(path);
     free(path);
     return nullptr;

@@ -4,6 +4,7 @@
 #include "util/halyx_log.h"
 #include "util/halyx_string.h"
 
+#include <syslog.h>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -22,7 +23,7 @@ int me_header_add(me_header_list *list, char before, me_header *ref, const char 
     me_header *node = (me_header *)malloc(sizeof(*node));
     char *copy = node != nullptr ? strdup(text) : nullptr;
     if (copy == nullptr) {
-        halyx_log(3, "System error: %s", strerror(errno));
+        halyx_log(LOG_ERR, "System error: %s", strerror(errno));
         free(node);
         return -1;
     }

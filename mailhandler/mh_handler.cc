@@ -17,7 +17,7 @@ int sig_sethandler(int sig, void (*handler)(int))
     sa.sa_flags = 0;
     sigemptyset(&sa.sa_mask);
     if (sigaction(sig, &sa, nullptr) != 0) {
-        halyx_log(3, "set signal(%d) handler failed - %s", sig, strerror(errno));
+        halyx_log(LOG_ERR, "set signal(%d) handler failed - %s", sig, strerror(errno));
         return 0;
     }
     return 1;
@@ -55,11 +55,11 @@ int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
     static const char usage[] = "Some args not defined. Use %s <CONTEXT> <FROM> <TO>\n";
 
     /* logging first, so that even the usage error reaches syslog */
-    halyx_log_init(nullptr, 14, LOG_MAIL, HALYX_LOG_TRACE, nullptr);
+    halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, HALYX_LOG_TRACE, nullptr);
 
     if (argc < 4 || argv[3] == nullptr) {
         const char *prog = argc > 0 && argv[0] != nullptr ? argv[0] : "";
-        halyx_log(3, usage, prog);
+        halyx_log(LOG_ERR, usage, prog);
         fprintf(stderr, usage, prog);
         return 255;
     }
@@ -70,12 +70,12 @@ int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
     ctx->context = argv[1];
 
     if (gethostname(ctx->hostname, sizeof(ctx->hostname)) != 0) {
-        halyx_log(3, "Unable to get hostname");
+        halyx_log(LOG_ERR, "Unable to get hostname");
         return 255;
     }
 
     if (!sig_ignore(SIGPIPE) || !sig_ignore(SIGINT)) {
-        halyx_log(3, "System error: %s", strerror(errno));
+        halyx_log(LOG_ERR, "System error: %s", strerror(errno));
         return 255;
     }
     return 0;

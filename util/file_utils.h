@@ -2,8 +2,9 @@
  * file_utils - directory chains made with owner and mode, and files replaced
  * atomically through a temporary copy beside them.
  *
- * make_dir_p() always returns 0: an mkdir failure other than EEXIST ends the
- * process (status 1) through messlog2; a failed chown is reported and ignored.
+ * WARNING: make_dir_p() and make_dir_rec() end the process (status 1, through
+ * messlog2) when mkdir fails other than with EEXIST; otherwise they return 0.  A
+ * failed chown is reported and ignored.
  * edit_file_safe() returns 0 when the file was replaced, the callback's
  * non-zero result when it refused (the file stays as it was), or -1 with errno.
  */

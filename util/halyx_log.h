@@ -2,25 +2,31 @@
  * halyx_log - process-wide logging and the fatal-message path.
  *
  * All modules report through the function pointers halyx_log/halyx_logv with a
- * syslog level (3 error, 4 warning, 6 informational, 7 debug).  Before
- * halyx_log_init() lines go to stderr and stdout; after halyx_log_init(NULL, ...)
- * they go to syslog, each prefixed by the run's trace id when option bit 64 is set.
+ * syslog level (LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG).  After
+ * halyx_log_init(NULL, ...) lines go to syslog, each prefixed by the run's trace id
+ * when option bit 64 is set.
+ * WARNING: before halyx_log_init() every line goes to stdout as well as stderr: a
+ * program whose stdout carries data (a handler, keyseal-admin) must initialise first.
  *
- * messlog2/vmesslog2/ex_messlog print a message to stderr and stdout and exit
- * when given a non-zero exit status.  asprintf_safe never returns NULL: it ends
- * the process with status 1 when memory runs out; the caller frees the result.
+ * WARNING: messlog2/vmesslog2/ex_messlog end the process when given a non-zero exit
+ * status (after printing to stderr and stdout); asprintf_safe ends it with status 1
+ * when memory runs out, so it never returns NULL.  The caller frees its result.
  * Single-threaded: the globals below are written without locks.
  */
 #ifndef HALYX_LOG_H
 #define HALYX_LOG_H
 
 #include <stdarg.h>
+#include <syslog.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 #define HALYX_LOG_TRACE 64 /* option bit: trace id in front of every syslog line */
+#define HALYX_LOG_MAY_RAISE 8 /* level-word bit: HALYX_LOG_LEVEL may raise the level */
+/* The mail handlers' level word (14): informational, and the environment may raise it */
+#define HALYX_LOG_HANDLER_LEVEL (HALYX_LOG_MAY_RAISE | LOG_INFO)
 
 typedef void (*halyx_logv_fn)(int level, const char *fmt, va_list ap);
 typedef void (*halyx_log_fn)(int level, const char *fmt, ...);

@@ -2,6 +2,7 @@
 
 #include "util/halyx_log.h"
 
+#include <syslog.h>
 #include <cctype>
 #include <cerrno>
 #include <cstdarg>
@@ -10,6 +11,8 @@
 #include <cstring>
 
 enum { STRING_INITIAL = 80, STRING_MIN_GROWTH = 80 };
+
+/* ---- growable string buffer ---------------------------------------------- */
 
 char *string_init(char **buffer, size_t *room)
 {
@@ -75,6 +78,8 @@ char *string_append_fmt(char **buffer, size_t *room, const char *fmt, ...)
     return *buffer;
 }
 
+/* ---- string arrays -------------------------------------------------------- */
+
 char **string_to_mas(char ***array, const char *s)
 {
     size_t n = 0;
@@ -82,14 +87,14 @@ char **string_to_mas(char ***array, const char *s)
         n++;
     char **grown = (char **)realloc(*array, (n + 3) * sizeof(char *));
     if (grown == nullptr) {
-        halyx_log(3, "System error: %s\n", strerror(errno));
+        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
         return nullptr;
     }
     *array = grown;
     grown[n] = nullptr;
     char *copy = strdup(s);
     if (copy == nullptr) {
-        halyx_log(3, "System error: %s\n", strerror(errno));
+        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
         free_array(array);
         return nullptr;
     }
@@ -102,7 +107,7 @@ char **string_split(const char *s, const char *delimiters)
 {
     char *work = strdup(s);
     if (work == nullptr) {
-        halyx_log(3, "System error: %s\n", strerror(errno));
+        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
         return nullptr;
     }
     char **out = nullptr;
@@ -112,7 +117,7 @@ char **string_split(const char *s, const char *delimiters)
         char *end = strpbrk(p, delimiters);
         if (end != nullptr) *end = '\0';
         if (string_to_mas(&out, p) == nullptr) {
-            halyx_log(3, "Unable to add string into array");
+            halyx_log(LOG_ERR, "Unable to add string into array");
             free_array(&out);
             free(work);
             return nullptr;
@@ -134,6 +139,8 @@ void free_array(char ***array)
     free(*array);
     *array = nullptr;
 }
+
+/* ---- blank-separated line sections ---------------------------------------- */
 
 int line_parse(line_sections *ls, const char *line)
 {
@@ -180,6 +187,8 @@ char *get_section_by_prefix(line_sections *ls, const char *prefix)
         if (strncmp(ls->sections[i], prefix, len) == 0) return ls->sections[i];
     return nullptr;
 }
+
+/* ---- trims and copies ----------------------------------------------------- */
 
 char *halyx_rtrim(char *s)
 {

@@ -32,20 +32,24 @@ typedef struct line_sections {
     char *sections[LINE_PARSE_MAX_SECTIONS + 1];
 } line_sections;
 
+/* ---- growable string buffer ---- */
 char *string_init(char **buffer, size_t *room);
 char *string_reserve(char **buffer, size_t *room, size_t need);
 char *string_append(char **buffer, size_t *room, const char *s);
 char *string_append_fmt(char **buffer, size_t *room, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
+/* ---- string arrays ---- */
 char **string_to_mas(char ***array, const char *s);
 char **string_split(const char *s, const char *delimiters);
 void free_array(char ***array);
 
+/* ---- blank-separated line sections ---- */
 int line_parse(line_sections *ls, const char *line);
 char *get_section(line_sections *ls, int i);
 char *get_section_by_prefix(line_sections *ls, const char *prefix);
 
+/* ---- trims and copies ---- */
 char *halyx_rtrim(char *s);
 char *halyx_rtrim_symbol(char *s, int c);
 char *halyx_trim(char *s);

@@ -29,11 +29,10 @@ std::string pem_key(int bits)
 }
 
 std::pair<int, std::string> sign(const std::string &message, const std::string &key,
-                                 const char *domain = "example.com", const char *selector = "s")
+                                 const char *selector = "s")
 {
-    FILE *f = message.empty() ? fopen("/dev/null", "r")
-                              : fmemopen((void *)message.data(), message.size(), "r");
-    dk_result *r = keyseal(domain, selector, key.c_str(), f);
+    FILE *f = fmemopen((void *)message.data(), message.size(), "r");
+    dk_result *r = keyseal("example.com", selector, key.c_str(), f);
     fclose(f);
     std::pair<int, std::string> out{r->status, r->text ? r->text : "(none)"};
     dk_result_free(r);
@@ -74,23 +73,20 @@ TEST(DkSign, Failures)
 {
     const std::string k = pem_key(2048), msg = "From: a@example.com\n\nbody\n";
     const struct {
-        const char *name;
         std::string message, key;
-        const char *domain, *selector;
+        const char *selector;
         int status;
         std::string text;
     } cases[] = {
+        // clang-format off
         // fed unchanged, a body without a final line end is refused by the library
-        {"no last line end", "From: a@example.com\n\nbody", k, "example.com", "s", 5,
-         "DKIM Syntax error"},
-        {"512-bit key", msg, pem_key(512), "example.com", "s", 17, "DKIM (null)"},
-        {"control byte in selector", msg, k, "example.com", "s\x7f", 9,
-         "Unable to initialize DKIM siginig process: Invalid parameter"},
+        {"From: a@example.com\n\nbody", k, "s", 5, "DKIM Syntax error"},
+        {msg, pem_key(512), "s", 17, "DKIM (null)"},
+        {msg, k, "s\x7f", 9, "Unable to initialize DKIM siginig process: Invalid parameter"},
+        // clang-format on
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(sign(c.message, c.key, c.domain, c.selector), std::make_pair(c.status, c.text));
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(sign(c.message, c.key, c.selector), std::make_pair(c.status, c.text)) << c.text;
 
     FILE *dir = fopen("/tmp", "r"); // reading a directory fails with EISDIR
     dk_result *r = keyseal("example.com", "s", k.c_str(), dir);

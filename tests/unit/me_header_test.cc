@@ -70,27 +70,4 @@ TEST(HeaderRead, NodesSeparatorAndWriteBack)
     }
 }
 
-TEST(HeaderList, AddPlacement)
-{
-    // [x, y] plus "n" placed by (before flag, reference); "z" appended after checks the last link
-    const struct {
-        char before;
-        int ref; // -1 none, 0 x, 1 y
-        std::vector<std::string> expected;
-    } cases[] = {
-        {1, -1, {"n", "x", "y", "z"}}, {1, 1, {"x", "n", "y", "z"}}, {0, 1, {"x", "y", "n", "z"}}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::to_string(c.before) + " " + std::to_string(c.ref));
-        Parsed l;
-        me_header_add(&l.me.headers, 0, nullptr, "x");
-        me_header_add(&l.me.headers, 0, nullptr, "y");
-        me_header *ref = c.ref < 0 ? nullptr
-                         : c.ref   ? l.me.headers.first->next
-                                   : l.me.headers.first;
-        ASSERT_EQ(me_header_add(&l.me.headers, c.before, ref, "n"), 0);
-        me_header_add(&l.me.headers, 0, nullptr, "z");
-        EXPECT_EQ(l.nodes(), c.expected);
-    }
-}
-
 } // namespace
