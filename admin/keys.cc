@@ -205,8 +205,9 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
     make_dir(DK_KEYS_DIR, 0755, 0);
     make_dir(dir, 0750, gid);
     write_key(key.get(), path, gid);
-    fprintf(stderr, "wrote %s (RSA %d bits, mode 0640, group %u); publish this record:\n",
-            path.c_str(), bits, (unsigned)gid);
+    struct group *g = getgrgid(gid);
+    fprintf(stderr, "wrote %s (RSA %d bits, mode 0640, group %s); publish this record:\n",
+            path.c_str(), bits, g != nullptr ? g->gr_name : std::to_string(gid).c_str());
     fputs(dns_record(domain, selector, public_key_base64(key.get())).c_str(), stdout);
     return EXIT_OK;
 }

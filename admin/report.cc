@@ -262,7 +262,8 @@ void Tally::close(const Run &run)
     }
     failed_++, hour.failed++;
     Failure &f = failures_[run.reason.empty() ? "no decision logged" : run.reason];
-    if (f.count++ == 0) f.trace = run.trace, f.when = run.first;
+    /* runs close out of order: the example is the earliest one */
+    if (f.count++ == 0 || run.first < f.when) f.trace = run.trace, f.when = run.first;
     if (!run.no_key.empty()) no_key_[run.no_key]++;
 }
 

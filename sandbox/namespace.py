@@ -87,8 +87,8 @@ def main():
 
     env = dict(os.environ) if a.keep_env else {}
     env.update(e.split("=", 1) for e in a.env)
-    for spec in a.fd:
-        n, path = spec.split("=", 1)
+    for setting in a.fd:
+        n, path = setting.split("=", 1)
         if path == "-":
             os.close(int(n))
         else:
