@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+struct dkim_lib; /* libopendkim's DKIM_LIB */
+
 namespace keyseal_admin
 {
 
@@ -58,8 +60,8 @@ using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using Nameservers = std::vector<std::string>;
 
 // names.cc
-/* check_name - refuse a domain or selector the handler would build a bad path from */
-void check_name(const char *what, const std::string &name);
+/* check_names - refuse a domain or selector the handler would build a bad key path from */
+void check_names(const std::string &domain, const std::string &selector);
 Nameservers parse_nameservers(const std::string &list);
 std::string errno_text(const std::string &path);
 /* key_path - the handler's key path for domain and selector */
@@ -68,8 +70,9 @@ std::string key_path(const std::string &domain, const std::string &selector);
 // keys.cc
 /* read_key_text - the key file as the handler reads it; a DK_KEY_* status */
 int read_key_text(const std::string &path, std::string &text);
-/* load_private_key - PEM or bare base64 DER, as the handler's library takes it; never prompts */
-Pkey load_private_key(const std::string &text);
+/* load_rsa_key - an RSA key from PEM or bare base64 DER text, as the handler's library takes
+ * it, or null; never prompts, and wipes text */
+Pkey load_rsa_key(std::string &text);
 std::string public_key_base64(EVP_PKEY *key);
 std::string key_pem(EVP_PKEY *key);
 /* dns_record - the zone-file lines of the key's TXT record, strings of at most 255 bytes */
@@ -82,6 +85,8 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
 int cmd_dns(const std::string &domain, const std::string &selector);
 
 // dns.cc
+/* dkim_library - a libopendkim instance with these library flags, asking ns (if any) */
+::dkim_lib *dkim_library(const Nameservers &ns, unsigned int flags);
 /* lookup_txt - the TXT strings of each record at name, joined per record; throws Problem */
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns);
 int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns);

@@ -57,15 +57,7 @@ std::map<std::string, std::string> tags(const std::string &record)
 void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
               const Nameservers &ns, Report &report)
 {
-    DKIM_LIB *lib = dkim_init(nullptr, nullptr);
-    if (lib == nullptr) throw Problem("cannot start the DKIM library");
-    std::string list;
-    for (const auto &ip : ns)
-        list += (list.empty() ? "" : ",") + ip;
-    if (!list.empty() && dkim_dns_nslist(lib, list.c_str()) != DKIM_DNS_SUCCESS) {
-        dkim_close(lib);
-        throw Problem("the DKIM library refuses the nameservers " + list);
-    }
+    DKIM_LIB *lib = dkim_library(ns, 0);
     std::string pem = key_pem(key);
     char err[256] = "";
     int rc = dkim_test_key(lib, (char *)selector.c_str(), (char *)domain.c_str(), pem.data(),
@@ -83,6 +75,21 @@ void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *
 }
 
 } // namespace
+
+DKIM_LIB *dkim_library(const Nameservers &ns, unsigned int flags)
+{
+    DKIM_LIB *lib = dkim_init(nullptr, nullptr);
+    if (lib == nullptr) throw Problem("cannot start the DKIM library");
+    if (flags != 0) dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_FLAGS, &flags, sizeof(flags));
+    std::string list;
+    for (const auto &ip : ns)
+        list += (list.empty() ? "" : ",") + ip;
+    if (!list.empty() && dkim_dns_nslist(lib, list.c_str()) != DKIM_DNS_SUCCESS) {
+        dkim_close(lib);
+        throw Problem("the DKIM library refuses the nameservers " + list);
+    }
+    return lib;
+}
 
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)
 {
@@ -120,8 +127,7 @@ std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &
 
 int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns)
 {
-    check_name("domain", domain);
-    check_name("selector", selector);
+    check_names(domain, selector);
     Report report;
     Pkey key = inspect_key(key_path(domain, selector), report);
 

@@ -95,7 +95,8 @@ int read_key_text(const std::string &path, std::string &text)
     return status;
 }
 
-Pkey load_private_key(const std::string &text)
+/* load_private_key - any private key from PEM or bare base64 DER text, or null */
+static Pkey load_private_key(const std::string &text)
 {
     if (text.rfind("-----", 0) == 0) {
         Bio in(BIO_new_mem_buf(text.data(), (int)text.size()));
@@ -113,6 +114,13 @@ Pkey load_private_key(const std::string &text)
     Pkey key(d2i_AutoPrivateKey(nullptr, &p, n));
     OPENSSL_cleanse(der.data(), der.size());
     return key;
+}
+
+Pkey load_rsa_key(std::string &text)
+{
+    Pkey key = load_private_key(text);
+    OPENSSL_cleanse(text.data(), text.size());
+    return key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_RSA ? std::move(key) : nullptr;
 }
 
 std::string public_key_base64(EVP_PKEY *key)
@@ -173,9 +181,8 @@ Pkey inspect_key(const std::string &path, Report &report)
         report.error("key file " + path + " is writable by group or others: chmod 0640");
     else if (st.st_mode & S_IROTH)
         report.warning("key file " + path + " is readable by others: chmod 0640");
-    Pkey pkey = load_private_key(key);
-    OPENSSL_cleanse(key.data(), key.size());
-    if (!pkey || EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA) {
+    Pkey pkey = load_rsa_key(key);
+    if (!pkey) {
         report.error("key file " + path + " does not hold an RSA private key (PEM or base64 DER)");
         return nullptr;
     }
@@ -193,8 +200,7 @@ Pkey inspect_key(const std::string &path, Report &report)
 int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
                const std::string &group, bool force)
 {
-    check_name("domain", domain);
-    check_name("selector", selector);
+    check_names(domain, selector);
     gid_t gid = group_id(group);
     std::string dir = std::string(DK_KEYS_DIR) + "/" + domain, path = key_path(domain, selector);
     if (!force && access(path.c_str(), F_OK) == 0)
@@ -214,17 +220,14 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
 
 int cmd_dns(const std::string &domain, const std::string &selector)
 {
-    check_name("domain", domain);
-    check_name("selector", selector);
+    check_names(domain, selector);
     std::string path = key_path(domain, selector), key;
     int status = read_key_text(path, key);
     if (status != DK_KEY_OK)
         throw Problem(status == DK_KEY_TOO_BIG ? path + ": larger than a key file may be"
                                                : "cannot read the key " + errno_text(path));
-    Pkey pkey = load_private_key(key);
-    OPENSSL_cleanse(key.data(), key.size());
-    if (!pkey || EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA)
-        throw Problem(path + " does not hold an RSA private key (PEM or base64 DER)");
+    Pkey pkey = load_rsa_key(key);
+    if (!pkey) throw Problem(path + " does not hold an RSA private key (PEM or base64 DER)");
     fputs(dns_record(domain, selector, public_key_base64(pkey.get())).c_str(), stdout);
     return EXIT_OK;
 }

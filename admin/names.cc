@@ -18,7 +18,7 @@ void Report::line(const char *kind, const std::string &what)
     fflush(stdout);
 }
 
-void check_name(const char *what, const std::string &name)
+static void check_name(const char *what, const std::string &name)
 {
     const char *why = nullptr;
     if (name.empty())
@@ -31,6 +31,12 @@ void check_name(const char *what, const std::string &name)
         if (why == nullptr && (c <= ' ' || c == 0x7f))
             why = "it holds white space or a control byte";
     if (why != nullptr) throw Usage(std::string("invalid ") + what + " '" + name + "': " + why);
+}
+
+void check_names(const std::string &domain, const std::string &selector)
+{
+    check_name("domain", domain);
+    check_name("selector", selector);
 }
 
 Nameservers parse_nameservers(const std::string &list)

@@ -98,14 +98,7 @@ std::string describe(int status)
 /* verify - libopendkim's verifier on the signed message, keys from the DNS */
 void verify(const std::string &message, const Nameservers &ns, Report &report)
 {
-    DKIM_LIB *lib = dkim_init(nullptr, nullptr);
-    if (lib == nullptr) throw Problem("cannot start the DKIM library");
-    unsigned int flags = DKIM_LIBFLAGS_FIXCRLF; /* the handler writes LF line ends */
-    dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_FLAGS, &flags, sizeof(flags));
-    std::string list;
-    for (const auto &ip : ns)
-        list += (list.empty() ? "" : ",") + ip;
-    if (!list.empty()) dkim_dns_nslist(lib, list.c_str());
+    DKIM_LIB *lib = dkim_library(ns, DKIM_LIBFLAGS_FIXCRLF); /* the handler writes LF line ends */
     DKIM_STAT status = DKIM_STAT_OK;
     DKIM *dkim = dkim_verify(lib, (const unsigned char *)"keyseal-admin test", nullptr, &status);
     if (dkim == nullptr) {
@@ -135,8 +128,7 @@ void verify(const std::string &message, const Nameservers &ns, Report &report)
 int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,
              const std::string &keyseal)
 {
-    check_name("domain", domain);
-    check_name("selector", selector);
+    check_names(domain, selector);
     std::string sender = "postmaster@" + domain, trace = "T";
     trace += std::to_string(getpid()); /* "T" + to_string(): a GCC 12 -Wrestrict false alarm */
     std::vector<std::string> args{"dkimsel=" + selector, sender, sender};
