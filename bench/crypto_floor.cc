@@ -12,8 +12,7 @@ int main(int argc, char **argv)
 {
     FILE *kf = argc > 1 ? fopen(argv[1], "r") : nullptr;
     EVP_PKEY *key = kf ? PEM_read_PrivateKey(kf, nullptr, nullptr, nullptr) : nullptr;
-    if (key == nullptr)
-        return 2;
+    if (key == nullptr) return 2;
     fclose(kf);
     EVP_MD_CTX *ctx = EVP_MD_CTX_new();
     EVP_DigestSignInit(ctx, nullptr, EVP_sha256(), nullptr, key);
@@ -22,8 +21,7 @@ int main(int argc, char **argv)
         EVP_DigestSignUpdate(ctx, buf, (size_t)n);
         for (ssize_t done = 0; done < n;) {
             ssize_t w = write(1, buf + done, (size_t)(n - done));
-            if (w < 0)
-                return 1;
+            if (w < 0) return 1;
             done += w;
         }
     }

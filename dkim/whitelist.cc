@@ -82,7 +82,8 @@ void Whitelist::save() const
         return;
     }
     if (edit_file_safe(path.c_str(), writeLines, (void *)&networks, 0) != 0)
-        halyx_log(LOG_ERR, "Unable to write DKIM sign whitelist %s: %s", path.c_str(), strerror(errno));
+        halyx_log(LOG_ERR, "Unable to write DKIM sign whitelist %s: %s", path.c_str(),
+                  strerror(errno));
 }
 
 } // namespace halyx::mail::dkim

@@ -150,8 +150,8 @@ int mail_tmpfile_replace(mail_me *me)
     int fd;
     FILE *out = spool_file(path, &fd);
     if (fd < 0) {
-        halyx_log(LOG_ERR, "cannot create temporary file to deliver email '%s'- (%d) %s", path, errno,
-                  strerror(errno));
+        halyx_log(LOG_ERR, "cannot create temporary file to deliver email '%s'- (%d) %s", path,
+                  errno, strerror(errno));
         fclose(old);
         free(path);
         return -1;
