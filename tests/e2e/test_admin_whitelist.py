@@ -6,7 +6,7 @@ import re
 import pytest
 
 from sandbox import harness
-from test_handler import MSG
+from test_handler import MSG, SENDMAIL
 
 WHITELIST = "domainkeys/whitelist"
 TRAPS = ("# office 10.0.0.1 relay\n2001:db8::1\n192.168.0.0/255.255.255.0\n10.0.0.0/33\n"
@@ -65,9 +65,6 @@ def test_spool_clean_removes_only_old_files(admin):
         os.utime(os.path.join(spool, name), (os.path.getmtime(spool) - age,) * 2)
     r = admin.run_admin(["spool", "--clean"])
     assert r.status == 0 and sorted(os.listdir(spool)) == ["messageNEW123", "notes"]
-
-
-SENDMAIL = {"PPP_INSIDE_SENDMAIL": "1"}
 
 
 ANN, WL = "ann@example.com", [  # (client, whitelist) and the policy rule they meet

@@ -8,7 +8,6 @@ import os
 import subprocess
 import sys
 
-MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
 MSG = b"From: Ann <ann@example.com>\nTo: bob@example.net\nSubject: package test\n\nhello\n"
 VERIFY = """
 import dkim, re, subprocess, sys

@@ -1,30 +1,23 @@
 // The signer at byte level.  That its signatures verify is shown end to end, where
 // every output of the real binary goes through dkimpy.
+#include "admin/admin.h"
 #include "dkim/dk_sign.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <string>
 
 namespace
 {
 
+/* pem_key - one key per size for the whole run, written as keyseal-admin keygen writes it */
 std::string pem_key(int bits)
 {
     static std::map<int, std::string> keys;
-    if (keys.count(bits) == 0) {
-        EVP_PKEY *k = EVP_RSA_gen(bits);
-        BIO *b = BIO_new(BIO_s_mem());
-        PEM_write_bio_PrivateKey(b, k, nullptr, nullptr, 0, nullptr, nullptr);
-        char *data = nullptr;
-        long n = BIO_get_mem_data(b, &data);
-        keys[bits].assign(data, (size_t)n);
-        BIO_free(b);
-        EVP_PKEY_free(k);
-    }
+    if (keys.count(bits) == 0)
+        keys[bits] = keyseal_admin::key_pem(keyseal_admin::Pkey(EVP_RSA_gen(bits)).get());
     return keys[bits];
 }
 

@@ -8,17 +8,9 @@
 namespace
 {
 
-std::string words(int n)
-{
-    std::string s = "w";
-    for (int i = 1; i < n; i++)
-        s += " w";
-    return s;
-}
-
 TEST(LineParse, Sections)
 {
-    const std::string z(1024, 'z');
+    const std::string z(1024, 'z'), w18 = "w w w w w w w w w w w w w w w w w w";
     const struct {
         std::string line;
         int result;
@@ -31,8 +23,8 @@ TEST(LineParse, Sections)
         {") ] a", 3, {")", "]", "a"}},     // unbalanced closers stay at depth 0
         {"\"open a b", 1, {"\"open a b"}}, // an unclosed quote swallows every blank
         {"(\"x) y", 1, {"(\"x) y"}},       // no closing inside quotes
-        {words(18), 18, {}},
-        {words(19), -1, {}},
+        {w18, 18, {}},
+        {w18 + " w", -1, {}},
         {z + "zzz", 1, {z}},  // cut at 1024
         {z + " a b", 1, {z}}, // blanks past 1024 do not count
     };

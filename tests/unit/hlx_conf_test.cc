@@ -1,13 +1,13 @@
-// Runs inside the test sandbox: /etc is an overlay and /dev a private tmpfs, so the test
-// may write /etc/hlx/hlx.conf and listen on /dev/log itself.  Lookups in a grown and
-// sorted table are checked by the conf fuzz target.
+// The configuration reader is a library facility neither program calls: one table of the
+// file format and its warnings.  Runs inside the test sandbox, where /dev is a private
+// tmpfs, so the test may listen on /dev/log itself.  Lookups in a grown and sorted table
+// are checked by the conf fuzz target.
 #include "conf/hlx_conf.h"
 #include "test_util.h"
 #include "util/halyx_log.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -68,22 +68,6 @@ TEST(Conf, FileFormat)
                   "<12>Invalid variable definition -X 1\n\nExpected a space after variable name\n",
               }));
     conf_free_r(t);
-}
-
-TEST(Conf, ProcessWideViewRetriesAFailedLoad)
-{
-    Syslog log;
-    std::filesystem::remove_all("/etc/hlx");
-    EXPECT_EQ(hlxConfGet("SA_MAX_MAIL_SIZE"), nullptr);
-    EXPECT_STREQ(hlxConfGetDefaultByIndex(SA_MAX_MAIL_SIZE), "256000");
-    EXPECT_EQ(hlxConfGetDefault("UNKNOWN"), nullptr);
-    EXPECT_EQ(log.lines().back(), "<19>variable 'UNKNOWN' was found neither in "
-                                  "/etc/hlx/hlx.conf, nor in compile-time defaults");
-    std::filesystem::create_directories("/etc/hlx");
-    write_file(HLX_CONF_PATH, "SA_MAX_MAIL_SIZE 1000\nCUSTOM x\n");
-    EXPECT_STREQ(hlxConfGetDefault("SA_MAX_MAIL_SIZE"), "1000");
-    EXPECT_STREQ(hlxConfGet("CUSTOM"), "x");
-    EXPECT_EQ(hlxConfGetDefault("CUSTOM"), nullptr); // in the file, but not a known name
 }
 
 } // namespace

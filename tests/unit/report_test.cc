@@ -1,4 +1,6 @@
-// The report's line classifier and stamp parser: each fixed handler text to its category.
+// The report's line classifier and stamp parser, for what the end-to-end report (real
+// handler runs through a real rsyslogd) does not meet: a spool failure's lines, other
+// stamp forms, another program's line that names keyseal.
 #include "admin/report.h"
 
 #include <gtest/gtest.h>
@@ -13,11 +15,6 @@ TEST(Report, ClassifiesTheHandlersLines)
         const char *value;
     } cases[] = {
         // clang-format off
-        {"Sendmail (PPP_INSIDE_SENDMAIL=1) -> signing", Kind::Sendmail, "1"},
-        {"Not sendmail, not authorized, TCPREMOTEIP= not whitelisted - not signing", Kind::NotSigning, ""},
-        {"cannot get sender domain key from /etc/domainkeys/a.example/s1", Kind::NoKey, "/etc/domainkeys/a.example/s1"},
-        {"DKIM error: DKIM (null)", Kind::Error, "DKIM error: DKIM (null)"},
-        {"Some args not defined. Use keyseal <CONTEXT> <FROM> <TO>", Kind::Usage, "usage error"},
         {"Unable to save email into the temporary file", Kind::Summary, "Unable to save email into the temporary file"},
         {"cannot create temporary file '/usr/local/hlx/handlers/spool/messageAb12Cd': (2) x", Kind::Detail,
          "cannot create temporary file '/usr/local/hlx/handlers/spool/messageXXXXXX': (2) x"},
@@ -42,7 +39,6 @@ TEST(Report, ParsesBothStampsAndKeepsOnlyKeysealLines)
         const char *trace;
     } cases[] = {
         // clang-format off
-        {"2026-11-21T10:00:00.123456+01:00 mx keyseal[42]: K42: x\n", Parsed::Ours, 1795251600, "K42"},
         {"2026-11-21T10:00:00+0100 mx keyseal[42]: K42: x", Parsed::Ours, 1795251600, "K42"},
         {"2026-11-21T10:00:00+01:00 mx postfix/smtp[42]: keyseal[1]: x", Parsed::NotOurs, 0, ""},
         {"2026-11-21 mx keyseal[42]: K42: x", Parsed::Malformed, 0, ""},

@@ -29,7 +29,6 @@ class WhitelistFile : public testing::Test
 
 TEST_F(WhitelistFile, ReadsEveryWordSilently)
 {
-    EXPECT_FALSE(with("\n  \t\n").check("::1"));
     EXPECT_TRUE(with(std::string(5000, '\0') + "\xff 10.9.9.9").check("10.9.9.9"));
     unlink(path.c_str());
     CaptureStderr();
