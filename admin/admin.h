@@ -85,8 +85,23 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
 int cmd_dns(const std::string &domain, const std::string &selector);
 
 // dns.cc
-/* dkim_library - a libopendkim instance with these library flags, asking ns (if any) */
-::dkim_lib *dkim_library(const Nameservers &ns, unsigned int flags);
+struct Resolver;
+/* DkimLibrary - a libopendkim instance with these library flags whose every DNS question
+ * goes through this program's resolver: to ns, or to /etc/resolv.conf's servers when
+ * ns is empty.  Throws Problem when the library or the resolver cannot start. */
+class DkimLibrary
+{
+  public:
+    DkimLibrary(const Nameservers &ns, unsigned int flags);
+    ~DkimLibrary();
+    DkimLibrary(const DkimLibrary &) = delete;
+    DkimLibrary &operator=(const DkimLibrary &) = delete;
+    ::dkim_lib *get() const { return lib_; }
+
+  private:
+    std::unique_ptr<Resolver> resolver_;
+    ::dkim_lib *lib_;
+};
 /* lookup_txt - the TXT strings of each record at name, joined per record; throws Problem */
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns);
 int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns);
@@ -105,8 +120,10 @@ int cmd_whitelist_check(const std::string &ip);
 std::string whitelist_entry(const std::string &ip);
 
 // explain.cc
+/* cmd_explain - the handler's own flow on a message (a sample when message is ""), each
+ * decision shown as it is taken; nothing is written out and the spool file is removed */
 int cmd_explain(const std::string &from, const std::string &context,
-                const std::vector<std::string> &env);
+                const std::vector<std::string> &env, const std::string &message);
 
 // spool.cc
 int cmd_spool(bool clean, long older_than);

@@ -13,9 +13,8 @@
 namespace keyseal_admin
 {
 
-namespace
-{
-
+/* Resolver - the system's stub resolver, asking ns when given: the one resolver of every
+ * DNS question keyseal-admin asks, its own and the DKIM library's */
 struct Resolver {
     struct __res_state state {
     };
@@ -35,6 +34,43 @@ struct Resolver {
     }
     ~Resolver() { res_nclose(&state); }
 };
+
+namespace
+{
+
+/* One query of the DKIM library's, answered at once: the stub resolver is synchronous */
+struct Query {
+    int length;
+};
+
+int query_start(void *service, int type, unsigned char *name, unsigned char *buf, size_t size,
+                void **handle)
+{
+    auto *r = static_cast<Resolver *>(service);
+    unsigned char query[NS_PACKETSZ];
+    int n = res_nmkquery(&r->state, ns_o_query, (const char *)name, ns_c_in, type, nullptr, 0,
+                         nullptr, query, sizeof(query));
+    /* res_nsend, not res_nquery: the library reads NXDOMAIN from the reply itself */
+    int length = n < 0 ? -1 : res_nsend(&r->state, query, n, buf, (int)size);
+    *handle = new Query{length};
+    return DKIM_DNS_SUCCESS;
+}
+
+int query_waitreply(void *, void *handle, struct timeval *, size_t *length, int *error, int *dnssec)
+{
+    auto *q = static_cast<Query *>(handle);
+    if (dnssec != nullptr) *dnssec = DKIM_DNSSEC_UNKNOWN;
+    if (error != nullptr) *error = q->length < 0 ? errno : 0;
+    if (q->length < 0) return DKIM_DNS_ERROR;
+    *length = (size_t)q->length;
+    return DKIM_DNS_SUCCESS;
+}
+
+int query_cancel(void *, void *handle)
+{
+    delete static_cast<Query *>(handle);
+    return DKIM_DNS_SUCCESS;
+}
 
 /* tags - a DKIM key record's tag=value list; the value trimmed of blanks */
 std::map<std::string, std::string> tags(const std::string &record)
@@ -57,13 +93,12 @@ std::map<std::string, std::string> tags(const std::string &record)
 void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
               const Nameservers &ns, Report &report)
 {
-    DKIM_LIB *lib = dkim_library(ns, 0);
+    DkimLibrary lib(ns, 0);
     std::string pem = key_pem(key);
     char err[256] = "";
-    int rc = dkim_test_key(lib, (char *)selector.c_str(), (char *)domain.c_str(), pem.data(),
+    int rc = dkim_test_key(lib.get(), (char *)selector.c_str(), (char *)domain.c_str(), pem.data(),
                            pem.size(), nullptr, err, sizeof(err));
     OPENSSL_cleanse(pem.data(), pem.size());
-    dkim_close(lib);
     if (rc == 0)
         report.ok("the published public key matches the private key");
     else if (rc == 1)
@@ -76,19 +111,23 @@ void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *
 
 } // namespace
 
-DKIM_LIB *dkim_library(const Nameservers &ns, unsigned int flags)
+DkimLibrary::DkimLibrary(const Nameservers &ns, unsigned int flags)
+    : resolver_(std::make_unique<Resolver>(ns)), lib_(dkim_init(nullptr, nullptr))
 {
-    DKIM_LIB *lib = dkim_init(nullptr, nullptr);
-    if (lib == nullptr) throw Problem("cannot start the DKIM library");
-    if (flags != 0) dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_FLAGS, &flags, sizeof(flags));
-    std::string list;
-    for (const auto &ip : ns)
-        list += (list.empty() ? "" : ",") + ip;
-    if (!list.empty() && dkim_dns_nslist(lib, list.c_str()) != DKIM_DNS_SUCCESS) {
-        dkim_close(lib);
-        throw Problem("the DKIM library refuses the nameservers " + list);
-    }
-    return lib;
+    if (lib_ == nullptr) throw Problem("cannot start the DKIM library");
+    if (flags != 0) dkim_options(lib_, DKIM_OP_SETOPT, DKIM_OPTS_FLAGS, &flags, sizeof(flags));
+    /* the library's own resolver would ask /etc/resolv.conf's servers whatever it is told */
+    dkim_dns_set_init(lib_, nullptr);
+    dkim_dns_set_close(lib_, nullptr);
+    dkim_dns_set_query_service(lib_, resolver_.get());
+    dkim_dns_set_query_start(lib_, query_start);
+    dkim_dns_set_query_waitreply(lib_, query_waitreply);
+    dkim_dns_set_query_cancel(lib_, query_cancel);
+}
+
+DkimLibrary::~DkimLibrary()
+{
+    dkim_close(lib_);
 }
 
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)

@@ -1,10 +1,13 @@
 #include "admin/admin.h"
 
+#include "dkim/dk_engine.h"
 #include "dkim/dk_key.h"
 #include "dkim/dk_policy.h"
-#include "dkim/dk_sign.h"
 #include "mailhandler/mh_handler.h"
+#include "util/halyx_log.h"
 
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,31 +23,58 @@ const char *const POLICY_VARIABLES[] = {"PPP_INSIDE_SENDMAIL", "SMTP_AUTHORIZED"
 /* A message the signer accepts, so that only the key and the names can make it fail */
 const char SAMPLE[] = "From: keyseal-admin <explain@localhost>\n\nexplain\n";
 
-int verdict(const char *word, const std::string &log)
+/* The handler's error lines of this run, in order: explain shows them as the log would */
+std::vector<std::string> errors;
+
+void capture_logv(int level, const char *fmt, va_list ap)
 {
-    printf("verdict: %s\n", word);
-    if (!log.empty()) printf("log: %s\n", log.c_str());
-    return strcmp(word, "PASS") == 0 ? EXIT_OK : EXIT_PROBLEM;
+    if (level > LOG_ERR) return;
+    char *line = nullptr;
+    if (vasprintf(&line, fmt, ap) >= 0) errors.emplace_back(line);
+    free(line);
 }
 
-/* sign_sample - the handler's signer on a sample with this key: its failure line, or "" */
-std::string sign_sample(const char *domain, const char *selector, const char *key)
+void capture_log(int level, const char *fmt, ...)
 {
-    FILE *msg = fmemopen((void *)SAMPLE, sizeof(SAMPLE) - 1, "r");
-    if (msg == nullptr) throw Problem("cannot open the sample message");
-    dk_result *r = keyseal(domain, selector, key, msg);
-    fclose(msg);
-    char *failure = dk_result_failure(r);
-    dk_result_free(r);
-    std::string line = failure != nullptr ? failure : "";
-    free(failure);
-    return line;
+    va_list ap;
+    va_start(ap, fmt);
+    capture_logv(level, fmt, ap);
+    va_end(ap);
+}
+
+/* observe - one line per decision of the engine, as it takes it */
+void observe(void *data, int event, int number, const char *text)
+{
+    const char *tcp = getenv("TCPREMOTEIP");
+    switch (event) {
+    case DK_EVENT_POLICY:
+        printf("policy: %s\n", text);
+        if (number == DK_POLICY_WHITELISTED)
+            printf("whitelist: admitted by %s\n", whitelist_entry(tcp).c_str());
+        break;
+    case DK_EVENT_CUT:
+        printf("removed: DKIM-Signature header %d: %s\n", number, text);
+        break;
+    case DK_EVENT_KEPT:
+        printf("kept: DKIM-Signature header %d: %s\n", number, text);
+        break;
+    case DK_EVENT_KEY: {
+        printf("key: %s\n", text);
+        Report report;
+        inspect_key(text, report);
+        break;
+    }
+    case DK_EVENT_SIGNED:
+        printf("signed: %.*s\n", (int)strcspn(text, "\n"), text);
+        break;
+    }
+    (void)data;
 }
 
 } // namespace
 
 int cmd_explain(const std::string &from, const std::string &context,
-                const std::vector<std::string> &env)
+                const std::vector<std::string> &env, const std::string &message)
 {
     for (const auto &setting : env) {
         size_t eq = setting.find('=');
@@ -58,45 +88,40 @@ int cmd_explain(const std::string &from, const std::string &context,
                         setting + "'");
         setenv(name.c_str(), setting.c_str() + eq + 1, 1);
     }
+    FILE *in = message.empty() ? fmemopen((void *)SAMPLE, sizeof(SAMPLE) - 1, "r")
+                               : fopen(message.c_str(), "r");
+    if (in == nullptr)
+        throw Problem("cannot read the message " + errno_text(message) +
+                      ": name a readable file with --message");
+
     for (const char *v : POLICY_VARIABLES) {
         const char *value = getenv(v);
         printf("environment: %s%s%s\n", v, value != nullptr ? "=" : " is not set",
                value != nullptr ? value : "");
     }
-
-    char *line = nullptr;
-    int rule = dk_policy_decide(&line);
-    std::string decision = line;
-    free(line);
-    printf("policy: %s\n", decision.c_str());
-    if (rule == DK_POLICY_SKIP) return verdict("SKIP", "");
-    if (rule == DK_POLICY_WHITELISTED)
-        printf("whitelist: admitted by %s\n", whitelist_entry(getenv("TCPREMOTEIP")).c_str());
-
     const char *domain = mh_from_domain(from.c_str());
     char *selector = dk_selector_from_context(context.c_str());
-    std::string sel = selector;
-    free(selector);
     printf("sender: '%s', signing domain '%s'\n", from.c_str(), domain);
-    printf("selector: '%s'%s\n", sel.c_str(),
+    printf("selector: '%s'%s\n", selector,
            context.find(DK_CONTEXT_SELECTOR) == std::string::npos ? " (no dkimsel= in CONTEXT)"
                                                                   : "");
-    std::string path = key_path(domain, sel);
-    printf("key: %s\n", path.c_str());
+    free(selector);
+    printf("message: %s\n", message.empty() ? "a sample from the sender" : message.c_str());
 
-    Report report;
-    inspect_key(path, report);
-    std::string key;
-    int status = read_key_text(path, key);
-    if (status != DK_KEY_OK) {
-        char *why = dk_key_failure(status, path.c_str());
-        std::string text = why;
-        free(why);
-        return verdict("ERROR", text);
-    }
-    std::string failure = sign_sample(domain, sel.c_str(), key.c_str());
-    std::fill(key.begin(), key.end(), '\0');
-    return failure.empty() ? verdict("PASS", "") : verdict("ERROR", failure);
+    /* the handler's own flow, its log lines caught instead of sent, nothing written out */
+    halyx_log = capture_log;
+    halyx_logv = capture_logv;
+    dk_engine_job job = {domain, context.c_str(), in, nullptr, observe, nullptr};
+    int status = dk_engine_run(&job);
+    fclose(in);
+
+    const char *verdict = status == DK_ENGINE_SIGNED    ? "PASS"
+                          : status == DK_ENGINE_SKIPPED ? "SKIP"
+                                                        : "ERROR";
+    printf("verdict: %s\n", verdict);
+    for (const auto &line : errors)
+        printf("log: %s\n", line.c_str());
+    return status == DK_ENGINE_SIGNED ? EXIT_OK : EXIT_PROBLEM;
 }
 
 } // namespace keyseal_admin

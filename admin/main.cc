@@ -83,6 +83,8 @@ int main(int argc, char **argv)
     explain->add_option("--from", from, "the envelope sender (default: the null sender)");
     explain->add_option("--context", context, "the handler's CONTEXT argument");
     explain->add_option("--env", env, "NAME=VALUE for a policy variable (repeatable)");
+    std::string message;
+    explain->add_option("--message", message, "the message (default: a sample from the sender)");
     std::string since;
     bool json = false;
     std::vector<std::string> files;
@@ -116,7 +118,7 @@ int main(int argc, char **argv)
         if (name == "whitelist add") return cmd_whitelist_add(network);
         if (name == "whitelist remove") return cmd_whitelist_remove(network);
         if (name == "whitelist check") return cmd_whitelist_check(network);
-        if (name == "explain") return cmd_explain(from, context, env);
+        if (name == "explain") return cmd_explain(from, context, env, message);
         if (name == "spool") return cmd_spool(clean, older_than);
         if (name == "report") return cmd_report(since, json, files);
         Nameservers ns = parse_nameservers(nameservers);

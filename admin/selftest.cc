@@ -98,13 +98,12 @@ std::string describe(int status)
 /* verify - libopendkim's verifier on the signed message, keys from the DNS */
 void verify(const std::string &message, const Nameservers &ns, Report &report)
 {
-    DKIM_LIB *lib = dkim_library(ns, DKIM_LIBFLAGS_FIXCRLF); /* the handler writes LF line ends */
+    DkimLibrary lib(ns, DKIM_LIBFLAGS_FIXCRLF); /* the handler writes LF line ends */
     DKIM_STAT status = DKIM_STAT_OK;
-    DKIM *dkim = dkim_verify(lib, (const unsigned char *)"keyseal-admin test", nullptr, &status);
-    if (dkim == nullptr) {
-        dkim_close(lib);
+    DKIM *dkim =
+        dkim_verify(lib.get(), (const unsigned char *)"keyseal-admin test", nullptr, &status);
+    if (dkim == nullptr)
         throw Problem(std::string("cannot start verifying: ") + dkim_getresultstr(status));
-    }
     status = dkim_chunk(dkim, (unsigned char *)message.data(), message.size());
     if (status == DKIM_STAT_OK) status = dkim_chunk(dkim, nullptr, 0);
     if (status == DKIM_STAT_OK) status = dkim_eom(dkim, nullptr);
@@ -120,7 +119,6 @@ void verify(const std::string &message, const Nameservers &ns, Report &report)
                      (why != nullptr ? std::string(" (") + why + ")" : ""));
     }
     dkim_free(dkim);
-    dkim_close(lib);
 }
 
 } // namespace

@@ -17,6 +17,16 @@ enum {
 static const unsigned int KEYSEAL_LIBFLAGS = DKIM_LIBFLAGS_ACCEPTDK | DKIM_LIBFLAGS_BADSIGHANDLES;
 static const char *SIGNED_HEADERS[] = {"Received", "From", "To", "Subject", nullptr};
 
+/* status_text - the library's text for a status, or "status N" where it has none (15, 17) */
+static const char *status_text(DKIM_STAT status)
+{
+    static char unnamed[32];
+    const char *text = dkim_getresultstr(status);
+    if (text != nullptr) return text;
+    snprintf(unnamed, sizeof(unnamed), "status %d", (int)status);
+    return unnamed;
+}
+
 dk_result *dk_result_init(void)
 {
     dk_result *r = (dk_result *)malloc(sizeof(*r));
@@ -71,7 +81,7 @@ dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result)
         }
         result->status = dkim_chunk(dkim, (u_char *)buf, len);
         if (result->status != DKIM_STAT_OK) {
-            result->text = asprintf_safe("DKIM Feed: %s", dkim_getresultstr(result->status));
+            result->text = asprintf_safe("DKIM Feed: %s", status_text(result->status));
             return result;
         }
     }
@@ -85,7 +95,7 @@ dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result)
     _Bool testkey = false;
     result->status = dkim_eom(dkim, &testkey);
     if (result->status != DKIM_STAT_OK)
-        result->text = asprintf_safe("DKIM %s", dkim_getresultstr(result->status));
+        result->text = asprintf_safe("DKIM %s", status_text(result->status));
     return result;
 }
 
@@ -123,7 +133,7 @@ dk_result *keyseal(const char *domain, const char *selector, const char *key, FI
     result->status = status;
     if (dkim == nullptr) {
         result->text = asprintf_safe("Unable to initialize DKIM siginig process: %s",
-                                     dkim_getresultstr(result->status));
+                                     status_text(result->status));
         dkim_close(lib);
         return result;
     }

@@ -46,6 +46,9 @@ static void on_timeout_signal(int sig)
 
 void mail_spool_guard(void)
 {
+    static bool installed = false;
+    if (installed) return;
+    installed = true;
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
     sa.sa_handler = on_timeout_signal;
@@ -91,7 +94,7 @@ static void spool_unlink(const char *path)
     sigprocmask(SIG_SETMASK, &saved, nullptr);
 }
 
-mail_me *mail_stdin_to_tmpfile(void)
+mail_me *mail_stream_to_tmpfile(FILE *in)
 {
     mail_me *me = (mail_me *)calloc(1, sizeof(*me));
     if (me == nullptr) {
@@ -121,11 +124,11 @@ mail_me *mail_stdin_to_tmpfile(void)
     }
 
     const char *failure = nullptr;
-    if (mail_header_read(stdin, me) != 0)
+    if (mail_header_read(in, me) != 0)
         failure = "cannot parse the e-mail's envelope.";
     else if (mail_header_write(spool, me) != 0)
         failure = "cannot save the e-mail's headers.";
-    else if (write_fp_to_fp(stdin, spool) != 0)
+    else if (write_fp_to_fp(in, spool) != 0)
         failure = "cannot save the e-mail's body.";
     /* a full disk may show only when the last buffer is flushed */
     if (fclose(spool) != 0 && failure == nullptr) failure = "cannot save the e-mail's body.";
@@ -175,19 +178,19 @@ int mail_tmpfile_replace(mail_me *me)
     return 0;
 }
 
-int mail_tmpfile_to_stdout(mail_me *me)
+int mail_tmpfile_to_stream(mail_me *me, FILE *out)
 {
     FILE *in = fopen(me->spool_path, "r");
     if (in == nullptr) return -1;
     mail_header_skip(in);
     /* flushed here, so that a failure to deliver the header block is reported as one */
-    if (mail_header_write(stdout, me) != 0 || fflush(stdout) != 0) {
+    if (mail_header_write(out, me) != 0 || fflush(out) != 0) {
         halyx_log(LOG_ERR, "cannot write the e-mail's envelope into '%s'.", me->spool_path);
         fclose(in);
         return -1;
     }
     /* the body's fate is logged, not returned: the chain has the headers already */
-    if (write_fp_to_fp(in, stdout) != 0 || fflush(stdout) != 0)
+    if (write_fp_to_fp(in, out) != 0 || fflush(out) != 0)
         halyx_log(LOG_ERR, "cannot write the e-mail's body into '%s'.", me->spool_path);
     fclose(in);
     return 0;
@@ -202,39 +205,6 @@ void mail_me_free(mail_me *me)
     free(me);
 }
 
-char *stdin_to_tmpfile(void)
-{
-    char *path = asprintf_safe(MAIL_SPOOL_TEMPLATE, MAIL_SPOOL_DIR);
-    int fd = mkstemp(path);
-    if (fd < 0) {
-        halyx_log(LOG_ERR, "cannot create temporary file - (%d) %s", errno, strerror(errno));
-        free(path);
-        return nullptr;
-    }
-    const char *failure = nullptr;
-    int err = 0;
-    if (write_fd_to_fd(STDIN_FILENO, fd, 0) != 0) {
-        failure = "cannot save message from stdin to temporary file";
-    } else if (fsync(fd) != 0) {
-        err = errno;
-        failure = "cannot fsync temporary file - (%d) %s";
-    }
-    if (failure != nullptr) {
-        close(fd);
-    } else if (close(fd) != 0) {
-        err = errno;
-        failure = "cannot close temporary file - (%d) %s";
-    }
-    if (failure == nullptr) return path;
-    if (err != 0)
-        halyx_log(LOG_ERR, failure, err, strerror(err));
-    else
-        halyx_log(LOG_ERR, "%s", failure);
-    unlink(path);
-    free(path);
-    return nullptr;
-}
-
 int write_fp_to_fp(FILE *in, FILE *out)
 {
     if (in == nullptr || out == nullptr) return -1;
@@ -247,33 +217,4 @@ int write_fp_to_fp(FILE *in, FILE *out)
         if (fwrite(buf, 1, n, out) != n || ferror(out)) return -1;
     } while (!eof);
     return 0;
-}
-
-int write_fd_to_fd(int in, int out, size_t limit)
-{
-    if (in < 0 || out < 0) return -1;
-    char buf[COPY_CHUNK];
-    size_t copied = 0;
-    for (;;) {
-        ssize_t n = read(in, buf, sizeof(buf));
-        if (n < 0) return -1;
-        if (n == 0) return 0;
-        if (limit != 0 && copied + (size_t)n >= limit) {
-            size_t rest = limit - copied;
-            return write_buffer(out, buf, rest) == (ssize_t)rest ? 0 : -1;
-        }
-        if (write_buffer(out, buf, (size_t)n) != n) return -1;
-        copied += (size_t)n;
-    }
-}
-
-ssize_t write_buffer(int fd, const void *data, size_t length)
-{
-    size_t done = 0;
-    while (done < length) {
-        ssize_t n = write(fd, (const char *)data + done, length - done);
-        if (n < 0) return -1;
-        done += (size_t)n;
-    }
-    return (ssize_t)done;
 }

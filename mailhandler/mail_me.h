@@ -1,9 +1,9 @@
 /*
  * mail_me - the message spooled to a file, with its header block in memory.
  *
- * mail_stdin_to_tmpfile() reads standard input into a new spool file under
- * MAIL_SPOOL_DIR (which must exist) and returns the record, or NULL after
- * logging why.  The record owns its spool path, its header list and the spool
+ * mail_stream_to_tmpfile() reads a message (the handler's standard input) into a
+ * new spool file under MAIL_SPOOL_DIR (which must exist) and returns the record,
+ * or NULL after logging why.  The record owns its spool path, its header list and the spool
  * file itself: mail_me_free() unlinks the file.  Bodies are streamed in
  * 8192-byte chunks, never held in memory.
  *
@@ -36,25 +36,22 @@ typedef struct mail_me {
     me_header_list headers;
 } mail_me;
 
-mail_me *mail_stdin_to_tmpfile(void);
+mail_me *mail_stream_to_tmpfile(FILE *in);
 /* mail_tmpfile_replace - rewrite the spool file from the header list; on failure
  * the record keeps the old, untouched file */
 int mail_tmpfile_replace(mail_me *me);
-/* mail_tmpfile_to_stdout - -1 only when the header block cannot be written;
- * a failed body copy is logged and still gives 0 */
-int mail_tmpfile_to_stdout(mail_me *me);
+/* mail_tmpfile_to_stream - the edited message to out (the handler's standard output):
+ * -1 only when the header block cannot be written; a failed body copy is logged and
+ * still gives 0 */
+int mail_tmpfile_to_stream(mail_me *me, FILE *out);
 void mail_me_free(mail_me *me);
 /* mail_spool_guard - from now on SIGTERM, SIGHUP and SIGALRM unlink the registered
  * spool files and then kill the process with the same signal (default action), and
- * exit() unlinks them too.  Installs process-wide signal dispositions and an atexit hook. */
+ * exit() unlinks them too.  Installs process-wide signal dispositions and an atexit hook,
+ * once per process. */
 void mail_spool_guard(void);
 
-/* stdin_to_tmpfile - raw copy of stdin into a new spool file; owned path or NULL */
-char *stdin_to_tmpfile(void);
 int write_fp_to_fp(FILE *in, FILE *out);
-/* write_fd_to_fd - copy until end of input, or exactly limit bytes when limit != 0 */
-int write_fd_to_fd(int in, int out, size_t limit);
-ssize_t write_buffer(int fd, const void *data, size_t length);
 
 #ifdef __cplusplus
 }

@@ -41,12 +41,6 @@ me_header *me_header_remove(me_header_list *list, me_header *node);
 void me_header_free(me_header_list *list);
 /* me_header_cut - remove node and its continuation lines; returns the first node kept */
 me_header *me_header_cut(me_header_list *list, me_header *node);
-void me_header_cut_all_with_name(me_header_list *list, const char *name);
-int me_is_header_exists(me_header_list *list, const char *name);
-int me_is_header_with_data_exists(me_header_list *list, const char *text);
-/* me_header_get - unfolded, trimmed value of header "name:" into *out (caller frees);
- * returns the node that begins the next header, or NULL */
-me_header *me_header_get(me_header_list *list, me_header *start, const char *name, char **out);
 
 int mail_header_read(FILE *in, struct mail_me *me);
 int mail_header_write(FILE *out, struct mail_me *me);

@@ -103,11 +103,6 @@ IPv4Network::IPv4Network(std::string address, const std::string &netmask)
     prefix = m == 0 ? 0 : (uint16_t)(32 - __builtin_ctz(m));
 }
 
-bool IPv4Network::isLocal() const
-{
-    return address.compare(0, 4, "127.") == 0;
-}
-
 std::string IPv4Network::netmask() const
 {
     int shift = ((32 - (int)prefix) % 32 + 32) % 32;

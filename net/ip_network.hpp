@@ -22,7 +22,6 @@ class IPv4Network
   public:
     IPv4Network(std::string address, uint16_t prefix);
     IPv4Network(std::string address, const std::string &netmask);
-    bool isLocal() const;
     std::string netmask() const;
     std::string to_string() const;
     bool operator==(const IPv4Network &) const = default;

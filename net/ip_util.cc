@@ -19,24 +19,3 @@ extern "C" int inSubnet(const char *ip, const char *net, uint16_t prefix)
     if (b == 0) return 1;
     return (a6[n / 8] >> (8 - b)) == (b6[n / 8] >> (8 - b));
 }
-
-extern "C" int areAddressesSame(const char *a, const char *b)
-{
-    struct in_addr a4, b4;
-    if (inet_pton(AF_INET, a, &a4) == 1 && inet_pton(AF_INET, b, &b4) == 1)
-        return a4.s_addr == b4.s_addr;
-    unsigned char a6[16], b6[16];
-    if (inet_pton(AF_INET6, a, a6) == 1 && inet_pton(AF_INET6, b, b6) == 1)
-        return memcmp(a6, b6, sizeof(a6)) == 0;
-    return 0;
-}
-
-extern "C" int isLoopbackIP(const char *ip)
-{
-    if (strncmp(ip, "127.", 4) == 0) return 1;
-    unsigned char a[16];
-    if (inet_pton(AF_INET6, ip, a) != 1) return 0;
-    static const unsigned char zero[10] = {};
-    if (memcmp(a, &in6addr_loopback, sizeof(a)) == 0) return 1;
-    return memcmp(a, zero, sizeof(zero)) == 0 && a[10] == 0xFF && a[11] == 0xFF && a[12] == 127;
-}

@@ -195,10 +195,11 @@ def verify(message, public_b64, domain, selector):
 
 
 class Nsd:
-    """A real authoritative DNS server (nsd) on 127.0.0.1:53 of the test's private network
-    namespace, serving one zone built from pasted record text."""
+    """A real authoritative DNS server (nsd) on port 53 of a loopback address (127.0.0.1 unless
+    given) of the test's private network namespace, serving one zone built from pasted record
+    text."""
     CONF = """server:
-  ip-address: 127.0.0.1
+  ip-address: {address}
   port: 53
   username: ""
   chroot: ""
@@ -215,8 +216,8 @@ zone:
   zonefile: {zone}.zone
 """
 
-    def __init__(self, directory):
-        self.dir, self.proc = str(directory), None
+    def __init__(self, directory, address="127.0.0.1"):
+        self.dir, self.proc, self.address = str(directory), None, address
         os.makedirs(self.dir, exist_ok=True)
 
     def serve(self, zone, records=""):
@@ -226,7 +227,7 @@ zone:
             f.write(f"$ORIGIN {zone}.\n$TTL 60\n@ IN SOA ns hostmaster 1 60 60 60 60\n"
                     f"@ IN NS ns\nns IN A 127.0.0.1\n{records}\n")
         with open(os.path.join(self.dir, "nsd.conf"), "w") as f:
-            f.write(self.CONF.format(d=self.dir, zone=zone))
+            f.write(self.CONF.format(d=self.dir, zone=zone, address=self.address))
         self.proc = subprocess.Popen(["nsd", "-d", "-c", os.path.join(self.dir, "nsd.conf")],
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         for _ in range(500):  # a bounded wait until it answers
@@ -241,7 +242,7 @@ zone:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
             s.settimeout(0.02)
             try:
-                s.sendto(query, ("127.0.0.1", 53))
+                s.sendto(query, (self.address, 53))
                 return s.recv(512)[:2] == b"\x12\x34"
             except OSError:
                 return False

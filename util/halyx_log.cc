@@ -73,11 +73,6 @@ void halyx_log_set_level(int level)
     if (LogLocation == nullptr) setlogmask((1 << (l + 1)) - 1);
 }
 
-unsigned int halyx_log_get_opts(void)
-{
-    return LogOpts;
-}
-
 static void _halyx_utility_logv(int level, const char *fmt, va_list ap)
 {
     if (LogLevel < level) return;

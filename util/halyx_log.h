@@ -45,7 +45,6 @@ extern halyx_log_fn halyx_log;
 void halyx_log_init(const char *location, int level, int facility, int options, const char *ident);
 /* level word: bits 0-2 the level, bit 3 lets HALYX_LOG_LEVEL raise it */
 void halyx_log_set_level(int level);
-unsigned int halyx_log_get_opts(void);
 
 int messlog2(int exit_status, int reserved, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));

@@ -78,68 +78,6 @@ char *string_append_fmt(char **buffer, size_t *room, const char *fmt, ...)
     return *buffer;
 }
 
-/* ---- string arrays -------------------------------------------------------- */
-
-char **string_to_mas(char ***array, const char *s)
-{
-    size_t n = 0;
-    while (*array != nullptr && (*array)[n] != nullptr)
-        n++;
-    char **grown = (char **)realloc(*array, (n + 3) * sizeof(char *));
-    if (grown == nullptr) {
-        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
-        return nullptr;
-    }
-    *array = grown;
-    grown[n] = nullptr;
-    char *copy = strdup(s);
-    if (copy == nullptr) {
-        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
-        free_array(array);
-        return nullptr;
-    }
-    grown[n] = copy;
-    grown[n + 1] = nullptr;
-    return grown;
-}
-
-char **string_split(const char *s, const char *delimiters)
-{
-    char *work = strdup(s);
-    if (work == nullptr) {
-        halyx_log(LOG_ERR, "System error: %s\n", strerror(errno));
-        return nullptr;
-    }
-    char **out = nullptr;
-    char *p = work;
-    for (;;) {
-        p += strspn(p, delimiters);
-        char *end = strpbrk(p, delimiters);
-        if (end != nullptr) *end = '\0';
-        if (string_to_mas(&out, p) == nullptr) {
-            halyx_log(LOG_ERR, "Unable to add string into array");
-            free_array(&out);
-            free(work);
-            return nullptr;
-        }
-        if (end == nullptr) break;
-        p = end + 1;
-    }
-    free(work);
-    return out;
-}
-
-void free_array(char ***array)
-{
-    if (*array == nullptr) return;
-    for (char **p = *array; *p != nullptr; p++) {
-        free(*p);
-        *p = nullptr;
-    }
-    free(*array);
-    *array = nullptr;
-}
-
 /* ---- blank-separated line sections ---------------------------------------- */
 
 int line_parse(line_sections *ls, const char *line)
@@ -175,11 +113,6 @@ int line_parse(line_sections *ls, const char *line)
     return count;
 }
 
-char *get_section(line_sections *ls, int i)
-{
-    return i < ls->count ? ls->sections[i] : nullptr;
-}
-
 char *get_section_by_prefix(line_sections *ls, const char *prefix)
 {
     size_t len = strlen(prefix);
@@ -188,7 +121,7 @@ char *get_section_by_prefix(line_sections *ls, const char *prefix)
     return nullptr;
 }
 
-/* ---- trims and copies ----------------------------------------------------- */
+/* ---- trimming --------------------------------------------------------------- */
 
 char *halyx_rtrim(char *s)
 {
@@ -197,44 +130,3 @@ char *halyx_rtrim(char *s)
         s[--len] = '\0';
     return s;
 }
-
-char *halyx_rtrim_symbol(char *s, int c)
-{
-    size_t len = strlen(s);
-    while (len > 0 && s[len - 1] == (char)(unsigned char)c)
-        s[--len] = '\0';
-    return s;
-}
-
-char *halyx_trim(char *s)
-{
-    halyx_rtrim(s);
-    while (isspace((unsigned char)*s))
-        s++;
-    return s;
-}
-
-/* strip_str - trims only blanks in front, but blanks, CR and LF behind */
-char *strip_str(char *s)
-{
-    size_t len = strlen(s);
-    while (len > 0 && (s[len - 1] == ' ' || s[len - 1] == '\r' || s[len - 1] == '\n'))
-        s[--len] = '\0';
-    while (*s == ' ')
-        s++;
-    return s;
-}
-
-#ifndef HAVE_STRLCPY
-size_t strlcpy(char *dst, const char *src, size_t size)
-{
-    size_t len = strlen(src);
-    if (len < size) {
-        memcpy(dst, src, len + 1);
-    } else if (size != 0) {
-        memcpy(dst, src, size - 1);
-        dst[size - 1] = '\0';
-    }
-    return len;
-}
-#endif

@@ -90,3 +90,18 @@ def test_self_test(admin, key, selector, published, status, expect):
     r = admin.run_admin(["test", "example.com", "--selector", selector])
     assert (r.status, admin.spool()) == (status, []), r.stdout + r.stderr
     assert re.search(expect, r.stdout)
+
+
+@pytest.mark.parametrize("command,expect", [
+    ("check", b"ok: the published public key matches the private key"),
+    ("test", b"ok: the signature verifies against the key published in the DNS"),
+])
+def test_nameserver_is_asked_for_every_question(admin, key, tmp_path, command, expect):
+    """The records only on --nameserver's server; /etc/resolv.conf names a dead address."""
+    admin.nsd.stop()
+    admin.nsd = harness.Nsd(tmp_path / "nsd2", address="127.0.0.2")
+    admin.nsd.serve("example.com", txt(b"v=DKIM1; k=rsa; p=" + key[2]))
+    admin.resolver = "192.0.2.1"
+    admin.put_key("example.com", "default", key[0])
+    r = admin.run_admin([command, "example.com", "--nameserver", "127.0.0.2"])
+    assert (r.status, expect in r.stdout) == (0, True), r.stdout + r.stderr

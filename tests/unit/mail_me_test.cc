@@ -24,7 +24,7 @@ class Spool : public testing::Test
     mail_me *spool(const std::string &input)
     {
         redirect_stdin(input);
-        return mail_stdin_to_tmpfile();
+        return mail_stream_to_tmpfile(stdin);
     }
     /* full_spool - a tmpfs over the spool directory holding bytes of room */
     void full_spool(const char *size)
@@ -50,7 +50,7 @@ TEST_F(Spool, PassesMessagesThroughUnchanged)
         std::string expected = c.expected.empty() ? c.input : c.expected;
         EXPECT_EQ(read_file(me->spool_path), expected);
         int rc = -1;
-        EXPECT_EQ(with_stdout([&] { rc = mail_tmpfile_to_stdout(me); }), expected);
+        EXPECT_EQ(with_stdout([&] { rc = mail_tmpfile_to_stream(me, stdout); }), expected);
         EXPECT_EQ(rc, 0);
         mail_me_free(me);
     }
@@ -96,7 +96,7 @@ TEST_F(Spool, BodyCopyFailureIsLoggedNotReturned)
     fcntl(p[1], F_SETFL, O_NONBLOCK);
     int rc = -1;
     CaptureStderr();
-    with_stdout([&] { rc = mail_tmpfile_to_stdout(me); }, p[1]);
+    with_stdout([&] { rc = mail_tmpfile_to_stream(me, stdout); }, p[1]);
     EXPECT_EQ(GetCapturedStderr(),
               "cannot write the e-mail's body into '" + std::string(me->spool_path) + "'.\n");
     EXPECT_EQ(rc, 0);

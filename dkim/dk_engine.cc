@@ -1,0 +1,184 @@
+#include "dkim/dk_engine.h"
+
+#include "dkim/dk_key.h"
+#include "dkim/dk_policy.h"
+#include "dkim/dk_sign.h"
+#include "mailhandler/mail_me.h"
+#include "util/halyx_log.h"
+#include "util/halyx_string.h"
+
+#include <syslog.h>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <strings.h>
+#include <vector>
+
+namespace
+{
+
+struct Run {
+    const dk_engine_job *job;
+    mail_me *me;
+    /* the message's DKIM-Signature headers in any letter case, in order: what the
+     * observer is told was cut or kept; a cut entry's node is set to null */
+    std::vector<me_header *> signatures;
+};
+
+void notify(const Run &run, int event, int number, const char *text)
+{
+    if (run.job->observe != nullptr) run.job->observe(run.job->data, event, number, text);
+}
+
+/* first_line - a node's text without its line end, for the observer */
+std::string first_line(const char *text)
+{
+    return std::string(text, strcspn(text, "\r\n"));
+}
+
+/* signs_for - the line carries a d= tag naming domain exactly; -1 if it cannot be parsed */
+int signs_for(line_sections *ls, const char *text, const char *domain)
+{
+    if (line_parse(ls, text) < 0) return -1;
+    char *d = get_section_by_prefix(ls, "d=");
+    if (d == nullptr) return 0;
+    halyx_rtrim(d);
+    size_t len = strlen(d);
+    if (len > 0 && d[len - 1] == ';') d[len - 1] = '\0';
+    return strcmp(d + 2, domain) == 0;
+}
+
+/* cut - remove the signature at node; returns the first node kept after it */
+me_header *cut(Run &run, me_header *node)
+{
+    for (size_t i = 0; i < run.signatures.size(); i++) {
+        if (run.signatures[i] != node) continue;
+        notify(run, DK_EVENT_CUT, (int)i + 1, first_line(node->text).c_str());
+        run.signatures[i] = nullptr;
+    }
+    return me_header_cut(&run.me->headers, node);
+}
+
+/*
+ * remove_old_signatures - cut DKIM-Signature headers of the sender's domain.
+ * Deliberate and relied upon: the search for d= runs on past the header's own
+ * lines, the cut starts where the search started, and the node right after a
+ * cut is passed over, so a second adjacent signature of the domain stays.
+ * Returns 1 when something was cut, 0 when not, -1 when a line cannot be parsed.
+ */
+int remove_old_signatures(Run &run, const char *domain, line_sections *ls)
+{
+    static const size_t NAME = sizeof(DK_SIGNATURE_HEADER) - 1;
+    int changed = 0;
+    me_header *node = run.me->headers.first;
+    while (node != nullptr) {
+        if (strncmp(node->text, DK_SIGNATURE_HEADER, NAME) != 0) {
+            node = node->next;
+            continue;
+        }
+        int found = 0;
+        for (me_header *probe = node; probe != nullptr && found == 0; probe = probe->next)
+            found = signs_for(ls, probe->text, domain);
+        if (found < 0) return -1;
+        if (found == 0) return changed;
+        me_header *after = cut(run, node);
+        changed = 1;
+        node = after != nullptr ? after->next : nullptr;
+    }
+    return changed;
+}
+
+/* read_key - the sender domain's key into key (DK_KEY_BUFFER + 1 bytes); 0 or -1 after logging */
+int read_key(const Run &run, const char *domain, const char *selector, char *key)
+{
+    char *path = dk_key_path(domain, selector);
+    notify(run, DK_EVENT_KEY, 0, path);
+    size_t length;
+    int status = dk_key_read(path, key, &length);
+    if (status != DK_KEY_OK) {
+        char *why = dk_key_failure(status, path);
+        halyx_log(LOG_ERR, "%s", why);
+        free(why);
+    }
+    free(path);
+    return status == DK_KEY_OK ? 0 : -1;
+}
+
+/* sign_message - sign the spool file and put the header first; 0 or -1 after logging */
+int sign_message(const Run &run, const char *domain, const char *selector, const char *key)
+{
+    FILE *msg = fopen(run.me->spool_path, "r");
+    if (msg == nullptr) {
+        halyx_log(LOG_ERR, "DKIM error: %s", "cannot reopen the spooled message");
+        return -1;
+    }
+    dk_result *r = keyseal(domain, selector, key, msg);
+    fclose(msg);
+    char *failure = dk_result_failure(r);
+    int rc = 0;
+    if (failure != nullptr) {
+        halyx_log(LOG_ERR, "%s", failure);
+        free(failure);
+        rc = -1;
+    } else if (me_header_add(&run.me->headers, 1, nullptr, r->text) != 0) {
+        rc = -1;
+    } else {
+        notify(run, DK_EVENT_SIGNED, 0, r->text);
+    }
+    dk_result_free(r);
+    return rc;
+}
+
+/* handle - everything after spooling; the caller removes the spool file */
+int handle(Run &run)
+{
+    const dk_engine_job *job = run.job;
+    for (me_header *n = run.me->headers.first; n != nullptr; n = n->next)
+        if (strncasecmp(n->text, DK_SIGNATURE_HEADER, sizeof(DK_SIGNATURE_HEADER) - 1) == 0)
+            run.signatures.push_back(n);
+
+    line_sections ls;
+    int removed = remove_old_signatures(run, job->from_domain, &ls);
+    if (removed < 0 || (removed > 0 && mail_tmpfile_replace(run.me) != 0)) {
+        halyx_log(LOG_ERR, "Unable to modify the email's header");
+        return DK_ENGINE_FAILED;
+    }
+    for (size_t i = 0; i < run.signatures.size(); i++)
+        if (run.signatures[i] != nullptr)
+            notify(run, DK_EVENT_KEPT, (int)i + 1, first_line(run.signatures[i]->text).c_str());
+
+    char *selector = dk_selector_from_context(job->context);
+    char key[DK_KEY_BUFFER + 1];
+    int rc = read_key(run, job->from_domain, selector, key);
+    if (rc == 0) rc = sign_message(run, job->from_domain, selector, key);
+    explicit_bzero(key, sizeof(key));
+    free(selector);
+    if (rc != 0) return DK_ENGINE_FAILED;
+    if (job->out != nullptr && mail_tmpfile_to_stream(run.me, job->out) != 0)
+        return DK_ENGINE_FAILED;
+    return DK_ENGINE_SIGNED;
+}
+
+} // namespace
+
+int dk_engine_run(const dk_engine_job *job)
+{
+    Run run{job, nullptr, {}};
+    char *decision = nullptr;
+    int rule = dk_policy_decide(&decision);
+    halyx_log(LOG_INFO, "%s", decision);
+    notify(run, DK_EVENT_POLICY, rule, decision);
+    free(decision);
+    if (rule == DK_POLICY_SKIP) return DK_ENGINE_SKIPPED;
+
+    mail_spool_guard();
+    run.me = mail_stream_to_tmpfile(job->in);
+    if (run.me == nullptr) {
+        halyx_log(LOG_ERR, "Unable to save email into the temporary file");
+        return DK_ENGINE_FAILED;
+    }
+    notify(run, DK_EVENT_SPOOLED, 0, run.me->spool_path);
+    int status = handle(run);
+    mail_me_free(run.me);
+    return status;
+}

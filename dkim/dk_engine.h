@@ -1,0 +1,60 @@
+/*
+ * dk_engine - the handler's per-message flow, written once: the signing policy, the
+ * spool file, the removal of the sender domain's earlier signatures, selector and key,
+ * the signature, and the signed message written out.
+ *
+ * keyseal runs it on its standard streams; keyseal-admin explain runs it without
+ * output (out NULL) to show each decision as it is taken; keyseal-milter runs it in a
+ * child per message.  dk_engine_run() logs exactly the handler's lines through
+ * halyx_log and returns the handler's exit status: DK_ENGINE_SIGNED, DK_ENGINE_SKIPPED
+ * (in was not read) or DK_ENGINE_FAILED.  The spool file exists only during the call
+ * and is removed on every path, a timeout signal included (mail_spool_guard).  The
+ * observer, when set, is called with each decision; its text is valid only during the
+ * call.  Memory exhaustion ends the process (status 1).  Not thread-safe.
+ */
+#ifndef DK_ENGINE_H
+#define DK_ENGINE_H
+
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum dk_engine_status {
+    DK_ENGINE_SIGNED = 0,
+    DK_ENGINE_SKIPPED = 5,
+    DK_ENGINE_FAILED = 255,
+};
+
+#define DK_SIGNATURE_HEADER "DKIM-Signature:" /* the name the removal walk recognises */
+
+enum dk_engine_event {
+    DK_EVENT_POLICY,  /* number: the dk_policy_rule; text: the decision's log line */
+    DK_EVENT_SPOOLED, /* text: the spool file */
+    DK_EVENT_CUT,     /* a DKIM-Signature header removed; number: its place among the
+                       * message's DKIM-Signature headers (1 = first, any letter case);
+                       * text: its first line */
+    DK_EVENT_KEPT,    /* the same for one that stays */
+    DK_EVENT_KEY,     /* text: the key file's path */
+    DK_EVENT_SIGNED,  /* text: the new DKIM-Signature header */
+};
+
+typedef void (*dk_engine_observer)(void *data, int event, int number, const char *text);
+
+typedef struct dk_engine_job {
+    const char *from_domain;    /* the envelope sender's domain, used as given */
+    const char *context;        /* CONTEXT, for "dkimsel=" */
+    FILE *in;                   /* the message */
+    FILE *out;                  /* the signed message, or NULL: nothing is written */
+    dk_engine_observer observe; /* or NULL */
+    void *data;
+} dk_engine_job;
+
+int dk_engine_run(const dk_engine_job *job);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
