@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <openssl/evp.h>
+#include <sys/types.h>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -32,23 +33,57 @@ struct Usage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/* Report - findings of a check, one line each; an error makes the exit status 1 */
+/* Report - findings of a check, one line each; an error makes the exit status 1.  A
+ * quiet report prints nothing and keeps the first error and warning for a summary. */
 class Report
 {
   public:
+    explicit Report(bool quiet = false) : quiet_(quiet) {}
     void ok(const std::string &what) { line("ok", what); }
-    void warning(const std::string &what) { line("warning", what); }
+    void warning(const std::string &what)
+    {
+        if (first_warning.empty()) first_warning = what;
+        line("warning", what);
+    }
     void error(const std::string &what)
     {
+        if (first_error.empty()) first_error = what;
         line("error", what);
         errors++;
     }
     void note(const std::string &what) { line("note", what); }
     int exit_status() const { return errors == 0 ? EXIT_OK : EXIT_PROBLEM; }
     int errors = 0;
+    std::string first_error, first_warning;
 
   private:
-    static void line(const char *kind, const std::string &what);
+    void line(const char *kind, const std::string &what) const;
+    bool quiet_;
+};
+
+/* The account keyseal-milter runs as; the default --user of check and test where it exists */
+constexpr const char *MILTER_USER = "keyseal";
+
+/* Access - what a user (the one the mail system runs the handler as) can do with the
+ * handler's files, found out by doing it in a child that took the user's identity */
+class Access
+{
+  public:
+    enum Kind { READ, READ_IF_THERE, CREATE_IN };
+    struct Probe {
+        std::string path;
+        Kind kind;
+    };
+    explicit Access(const std::string &name); /* throws Usage for an unknown user */
+    static std::string default_user();
+    /* become - take the user's identity for good (in a child); _exit(127) on failure */
+    void become() const;
+    std::vector<int> errors(const std::vector<Probe> &probes) const; /* an errno per probe */
+    void check_key(const std::string &path, Report &report) const;
+    void check_files(Report &report) const; /* the whitelist and the spool directory */
+    std::string user, group;
+    uid_t uid;
+    gid_t gid;
 };
 
 struct PkeyFree {
@@ -62,6 +97,8 @@ using Nameservers = std::vector<std::string>;
 // names.cc
 /* check_names - refuse a domain or selector the handler would build a bad key path from */
 void check_names(const std::string &domain, const std::string &selector);
+/* valid_name - a name check_names accepts: a key's domain or selector */
+bool valid_name(const std::string &name);
 Nameservers parse_nameservers(const std::string &list);
 std::string errno_text(const std::string &path);
 /* key_path - the handler's key path for domain and selector */
@@ -104,11 +141,14 @@ class DkimLibrary
 };
 /* lookup_txt - the TXT strings of each record at name, joined per record; throws Problem */
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns);
-int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns);
+/* cmd_check - one key (domain and selector) or, with all, every DOMAIN/SELECTOR key under
+ * the keys directory; with a user, also what that user can do with the handler's files */
+int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns,
+              const Access *user, bool all);
 
 // selftest.cc
 int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,
-             const std::string &keyseal);
+             const std::string &keyseal, const Access *user);
 
 // whitelist.cc
 int cmd_whitelist_list();

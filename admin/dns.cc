@@ -1,9 +1,12 @@
 #include "admin/admin.h"
 
+#include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
 
 #include <arpa/inet.h>
 #include <arpa/nameser.h>
+#include <algorithm>
+#include <filesystem>
 #include <map>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -164,28 +167,31 @@ std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &
     return records;
 }
 
-int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns)
+/* check_key - the key file, its published record and their match, for one key */
+static void check_key(const std::string &domain, const std::string &selector, const Nameservers &ns,
+                      const Access *user, Report &report)
 {
-    check_names(domain, selector);
-    Report report;
-    Pkey key = inspect_key(key_path(domain, selector), report);
+    std::string path = key_path(domain, selector);
+    Pkey key = inspect_key(path, report);
+    if (user != nullptr) user->check_key(path, report);
 
     std::string name = selector + "._domainkey." + domain;
     std::vector<std::string> records;
     try {
         records = lookup_txt(name, ns);
     } catch (const Problem &e) {
-        report.error(e.what());
-        return report.exit_status();
+        report.error(std::string(e.what()) + ": check the nameservers (--nameserver names them)");
+        return;
     }
     if (records.empty()) {
         report.error("no TXT record at " + name + ": publish the record that 'keyseal-admin dns " +
                      domain + " --selector " + selector + "' prints");
-        return report.exit_status();
+        return;
     }
     if (records.size() > 1)
         report.error(std::to_string(records.size()) + " TXT records at " + name +
-                     ": receivers need exactly one");
+                     ": receivers need exactly one; remove all but the one 'keyseal-admin dns " +
+                     domain + " --selector " + selector + "' prints");
     auto t = tags(records[0]);
     report.ok("TXT record at " + name);
     if (t.count("v") && t["v"] != "DKIM1") report.error("the record's v= is not DKIM1");
@@ -194,7 +200,61 @@ int cmd_check(const std::string &domain, const std::string &selector, const Name
     if (t.count("t") && t["t"].find('y') != std::string::npos)
         report.warning("the record is in testing mode (t=y): receivers may ignore failures");
     if (key && !t["p"].empty()) test_key(domain, selector, key.get(), ns, report);
-    return report.exit_status();
+}
+
+/* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
+ * given; others (the whitelist, kept replaced keys, dot files) are not keys */
+static std::vector<std::pair<std::string, std::string>> keys()
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    std::error_code ec;
+    for (const auto &d : std::filesystem::directory_iterator(DK_KEYS_DIR, ec)) {
+        if (!d.is_directory() || !valid_name(d.path().filename())) continue;
+        for (const auto &k : std::filesystem::directory_iterator(d.path(), ec))
+            if (!k.is_directory() && valid_name(k.path().filename()))
+                out.emplace_back(d.path().filename(), k.path().filename());
+    }
+    if (ec) throw Problem("cannot list the keys in " + errno_text(DK_KEYS_DIR));
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns,
+              const Access *user, bool all)
+{
+    if (!all) {
+        check_names(domain, selector);
+        Report report;
+        check_key(domain, selector, ns, user, report);
+        if (user != nullptr) user->check_files(report);
+        return report.exit_status();
+    }
+    auto found = keys();
+    if (found.empty())
+        throw Problem("no keys under " + std::string(DK_KEYS_DIR) +
+                      ": make one with 'keyseal-admin keygen DOMAIN'");
+    Report summary;
+    size_t bad = 0;
+    for (const auto &[d, s] : found) {
+        Report one(true);
+        check_key(d, s, ns, user, one);
+        std::string name = d + "/" + s;
+        bad += one.errors > 0;
+        if (one.errors > 0)
+            summary.error(name + ": " + one.first_error +
+                          (one.errors > 1
+                               ? " (and " + std::to_string(one.errors - 1) +
+                                     " more: keyseal-admin check " + d + " --selector " + s + ")"
+                               : ""));
+        else if (!one.first_warning.empty())
+            summary.warning(name + ": " + one.first_warning);
+        else
+            summary.ok(name);
+    }
+    if (user != nullptr) user->check_files(summary);
+    printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
+           bad);
+    return summary.exit_status();
 }
 
 } // namespace keyseal_admin

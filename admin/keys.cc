@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <grp.h>
 #include <openssl/bio.h>
@@ -82,6 +83,25 @@ void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
     unlink(tmp.c_str());
     errno = err;
     throw Problem("cannot write the key " + errno_text(path));
+}
+
+/* keep_replaced - a hard link to the key about to be replaced, under a name that begins with
+ * '.' so that it is never taken for a selector; "" when there is no key yet */
+std::string keep_replaced(const std::string &dir, const std::string &selector)
+{
+    std::string path = dir + "/" + selector;
+    if (access(path.c_str(), F_OK) != 0) return "";
+    char stamp[32];
+    time_t now = time(nullptr);
+    strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
+    std::string kept = dir + "/." + selector + ".replaced-" + stamp;
+    for (int n = 1; link(path.c_str(), kept.c_str()) != 0; n++) {
+        if (errno != EEXIST || n > 99)
+            throw Problem("cannot keep the replaced key as " + errno_text(kept) +
+                          "; nothing was changed");
+        kept = dir + "/." + selector + ".replaced-" + stamp + "-" + std::to_string(n);
+    }
+    return kept;
 }
 
 } // namespace
@@ -210,8 +230,16 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
     if (!key) throw Problem("cannot generate an RSA key of " + std::to_string(bits) + " bits");
     make_dir(DK_KEYS_DIR, 0755, 0);
     make_dir(dir, 0750, gid);
-    write_key(key.get(), path, gid);
+    std::string kept = force ? keep_replaced(dir, selector) : "";
+    try {
+        write_key(key.get(), path, gid);
+    } catch (const Problem &) {
+        if (!kept.empty()) unlink(kept.c_str()); /* the old key is still in place */
+        throw;
+    }
     struct group *g = getgrgid(gid);
+    if (!kept.empty())
+        fprintf(stderr, "kept the replaced key as %s (mv it back to undo)\n", kept.c_str());
     fprintf(stderr, "wrote %s (RSA %d bits, mode 0640, group %s); publish this record:\n",
             path.c_str(), bits, g != nullptr ? g->gr_name : std::to_string(gid).c_str());
     fputs(dns_record(domain, selector, public_key_base64(key.get())).c_str(), stdout);

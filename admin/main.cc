@@ -38,13 +38,19 @@ int main(int argc, char **argv)
     std::string keyseal = installed_handler();
     int bits = 2048;
     bool force = false;
+    std::string user = Access::default_user();
+    bool all = false;
     auto domain_arg = [&](CLI::App *c) {
         c->add_option("DOMAIN", domain, "the signing domain (the sender's domain)")->required();
         c->add_option("-s,--selector", selector, "the selector")->capture_default_str();
     };
+    /* check and test: the DNS to ask, and the user the mail system runs the handler as */
     auto dns_args = [&](CLI::App *c) {
         c->add_option("--nameserver", nameservers,
                       "IPv4 nameservers to ask, separated by ',' (default: /etc/resolv.conf)");
+        c->add_option("--user", user,
+                      "the user the mail system runs keyseal as (default: " +
+                          std::string(MILTER_USER) + " where that account exists)");
     };
 
     auto *keygen = app.add_subcommand("keygen", "generate a domain's key and print its DNS record");
@@ -59,6 +65,8 @@ int main(int argc, char **argv)
     domain_arg(dns);
     auto *check = app.add_subcommand("check", "check the key file and its published record");
     domain_arg(check);
+    check->get_option("DOMAIN")->required(false);
+    check->add_flag("--all", all, "every DOMAIN/SELECTOR key under " DK_KEYS_DIR);
     dns_args(check);
     auto *test =
         app.add_subcommand("test", "sign a sample with the installed handler and verify it");
@@ -122,8 +130,13 @@ int main(int argc, char **argv)
         if (name == "spool") return cmd_spool(clean, older_than);
         if (name == "report") return cmd_report(since, json, files);
         Nameservers ns = parse_nameservers(nameservers);
-        if (name == "check") return cmd_check(domain, selector, ns);
-        return cmd_test(domain, selector, ns, keyseal);
+        std::unique_ptr<Access> as;
+        if (!user.empty()) as = std::make_unique<Access>(user);
+        if (name == "check") {
+            if (all == !domain.empty()) throw Usage("name a DOMAIN, or --all for every key");
+            return cmd_check(domain, selector, ns, as.get(), all);
+        }
+        return cmd_test(domain, selector, ns, keyseal, as.get());
     } catch (const Usage &e) {
         fprintf(stderr, "keyseal-admin %s: %s\n", name.c_str(), e.what());
         return EXIT_USAGE;

@@ -12,25 +12,33 @@
 namespace keyseal_admin
 {
 
-void Report::line(const char *kind, const std::string &what)
+void Report::line(const char *kind, const std::string &what) const
 {
+    if (quiet_) return;
     printf("%s: %s\n", kind, what.c_str());
     fflush(stdout);
 }
 
+/* name_problem - why the handler would build a bad key path from name, or null */
+static const char *name_problem(const std::string &name)
+{
+    if (name.empty()) return "it is empty";
+    if (name.find('/') != std::string::npos) return "it holds '/'";
+    if (name[0] == '.') return "it begins with '.'";
+    for (unsigned char c : name)
+        if (c <= ' ' || c == 0x7f) return "it holds white space or a control byte";
+    return nullptr;
+}
+
+bool valid_name(const std::string &name)
+{
+    return name_problem(name) == nullptr;
+}
+
 static void check_name(const char *what, const std::string &name)
 {
-    const char *why = nullptr;
-    if (name.empty())
-        why = "it is empty";
-    else if (name.find('/') != std::string::npos)
-        why = "it holds '/'";
-    else if (name[0] == '.')
-        why = "it begins with '.'";
-    for (unsigned char c : name)
-        if (why == nullptr && (c <= ' ' || c == 0x7f))
-            why = "it holds white space or a control byte";
-    if (why != nullptr) throw Usage(std::string("invalid ") + what + " '" + name + "': " + why);
+    if (const char *why = name_problem(name))
+        throw Usage(std::string("invalid ") + what + " '" + name + "': " + why);
 }
 
 void check_names(const std::string &domain, const std::string &selector)

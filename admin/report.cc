@@ -2,13 +2,18 @@
 
 #include "admin/admin.h"
 #include "dkim/dk_key.h"
+#include "dkim/dk_engine.h"
 #include "dkim/dk_policy.h"
+#include "dkim/dk_sign.h"
 #include "mailhandler/mail_me.h"
+#include "mailhandler/mh_handler.h"
 
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
+#include <cerrno>
 #include <cstring>
+#include <functional>
 #include <langinfo.h>
 #include <vector>
 #include <zlib.h>
@@ -61,9 +66,10 @@ int rank(Kind k)
 /* generic - a spool file's random name would make every failure a reason of its own */
 std::string generic(std::string text)
 {
-    const std::string stem = std::string(MAIL_SPOOL_DIR) + "/message";
+    const std::string stem = std::string(MAIL_SPOOL_DIR) + "/" + MAIL_SPOOL_STEM;
     for (size_t at = text.find(stem); at != std::string::npos; at = text.find(stem, at + 1))
-        if (at + stem.size() + 6 <= text.size()) text.replace(at + stem.size(), 6, "XXXXXX");
+        if (at + stem.size() + MAIL_SPOOL_RANDOM <= text.size())
+            text.replace(at + stem.size(), MAIL_SPOOL_RANDOM, MAIL_SPOOL_RANDOM, 'X');
     return text;
 }
 
@@ -150,10 +156,13 @@ Classified classify(std::string_view text)
     if (fits(DK_LOG_WHITELISTED, text, v)) return {Kind::Whitelisted, v};
     if (fits(DK_LOG_NOT_SIGNING, text, v)) return {Kind::NotSigning, v};
     if (fits(DK_LOG_NO_KEY, text, v)) return {Kind::NoKey, v};
-    if (text == DK_LOG_KEY_TOO_BIG || starts(text, "DKIM error: "))
+    if (text == DK_LOG_KEY_TOO_BIG || fits(DK_LOG_DKIM_ERROR, text, v))
         return {Kind::Error, std::string(text)};
-    if (starts(text, "Some args not defined.")) return {Kind::Usage, "usage error"};
-    if (starts(text, "Unable to ")) return {Kind::Summary, std::string(text)};
+    /* the usage line ends in the program's name as the chain gave it, and a line end */
+    std::string_view usage = MH_LOG_USAGE;
+    if (starts(text, usage.substr(0, usage.find("%s")))) return {Kind::Usage, "usage error"};
+    for (const char *summary : {DK_LOG_INIT_FAILED, DK_LOG_SPOOL_FAILED, DK_LOG_HEADER_FAILED})
+        if (text == summary) return {Kind::Summary, std::string(text)};
     return {Kind::Detail, generic(std::string(text))};
 }
 
@@ -212,13 +221,17 @@ void Tally::add(const Line &line)
     run.last = line.when;
     if (decision) {
         run.decision = (int)c.kind;
-        if (c.kind == Kind::NotSigning) run.client = c.value;
+        /* the handler writes "NULL" for an unset TCPREMOTEIP */
+        if (c.kind == Kind::NotSigning) run.client = c.value, run.client_set = c.value != "NULL";
     } else if (rank(c.kind) < run.reason_rank) {
         run.reason_rank = rank(c.kind);
         run.reason = c.kind == Kind::NoKey ? "cannot get sender domain key" : c.value;
         if (c.kind == Kind::NoKey) {
             const std::string dir = std::string(DK_KEYS_DIR) + "/";
             run.no_key = starts(c.value, dir) ? c.value.substr(dir.size()) : c.value;
+            /* an empty domain: the sender had none, as a bounce's null sender */
+            run.bounce = starts(run.no_key, "/");
+            if (run.bounce) run.reason = "sender without a domain (a bounce): nothing to sign with";
         }
     }
     latest_ = std::max(latest_, line.when);
@@ -237,122 +250,146 @@ void Tally::sweep(time_t now)
     }
 }
 
-void Tally::finish()
-{
-    for (const auto &[pid, run] : open_)
-        close(run);
-    open_.clear();
-}
-
 void Tally::close(const Run &run)
 {
-    runs_++;
-    Hour &hour = hours_[run.first - run.first % 3600];
+    sum_.runs++;
+    Summary::Hour &hour = hours_[run.first - run.first % 3600];
+    hour.hour = run.first - run.first % 3600;
     if (run.decision == (int)Kind::NotSigning && run.reason.empty()) {
-        skipped_++, hour.skipped++;
-        clients_[run.client.empty() ? "NULL" : run.client]++;
+        sum_.skipped++, hour.skipped++;
+        if (run.client_set)
+            clients_[run.client]++;
+        else
+            sum_.without_address++;
         return;
     }
     if (run.decision >= 0 && run.reason.empty()) {
         /* the handler says nothing more when it signs */
         static const char *const RULES[] = {"sendmail", "authorized", "whitelisted"};
-        signed_++, hour.signed_++;
-        by_rule_[RULES[run.decision]]++;
+        sum_.signed_++, hour.signed_++;
+        sum_.by_rule[RULES[run.decision]]++;
         return;
     }
-    failed_++, hour.failed++;
-    Failure &f = failures_[run.reason.empty() ? "no decision logged" : run.reason];
+    sum_.failed++, hour.failed++;
+    std::string reason = run.reason.empty() ? "no decision logged" : run.reason;
+    Summary::Failure &f = failures_[reason];
+    f.reason = reason;
     /* runs close out of order: the example is the earliest one */
     if (f.count++ == 0 || run.first < f.when) f.trace = run.trace, f.when = run.first;
-    if (!run.no_key.empty()) no_key_[run.no_key]++;
+    if (run.bounce)
+        sum_.bounces++;
+    else if (!run.no_key.empty())
+        no_key_[run.no_key]++;
 }
 
-nlohmann::ordered_json Tally::json() const
+/* most_first - a count map as a list, the largest counts first, ties in name order */
+static std::vector<std::pair<std::string, long>> most_first(const std::map<std::string, long> &m)
+{
+    std::vector<std::pair<std::string, long>> v(m.begin(), m.end());
+    std::stable_sort(v.begin(), v.end(), [](auto &a, auto &b) { return a.second > b.second; });
+    return v;
+}
+
+Summary Tally::finish(long malformed)
+{
+    for (const auto &[pid, run] : open_)
+        close(run);
+    open_.clear();
+    sum_.malformed = malformed;
+    for (const char *rule : {"sendmail", "authorized", "whitelisted"})
+        sum_.by_rule[rule] += 0;
+    for (const auto &[reason, f] : failures_)
+        sum_.failures.push_back(f);
+    std::stable_sort(sum_.failures.begin(), sum_.failures.end(),
+                     [](auto &a, auto &b) { return a.count > b.count; });
+    sum_.no_key = most_first(no_key_);
+    sum_.clients = most_first(clients_);
+    sum_.clients.resize(std::min<size_t>(sum_.clients.size(), TOP_CLIENTS));
+    for (auto &[t, h] : hours_)
+        sum_.hours.push_back(h);
+    return sum_;
+}
+
+nlohmann::ordered_json render_json(const Summary &s)
 {
     nlohmann::ordered_json j;
-    j["runs"] = runs_;
-    j["signed"] = signed_;
-    j["skipped"] = skipped_;
-    j["failed"] = failed_;
-    j["malformed_lines"] = malformed;
+    j["runs"] = s.runs;
+    j["signed"] = s.signed_;
+    j["skipped"] = s.skipped;
+    j["failed"] = s.failed;
+    j["malformed_lines"] = s.malformed;
     j["signed_by_rule"] = nlohmann::ordered_json::object();
     for (const char *rule : {"sendmail", "authorized", "whitelisted"})
-        j["signed_by_rule"][rule] = by_rule_.count(rule) ? by_rule_.at(rule) : 0;
-    std::vector<std::pair<std::string, Failure>> fails(failures_.begin(), failures_.end());
-    std::stable_sort(fails.begin(), fails.end(),
-                     [](const auto &a, const auto &b) { return a.second.count > b.second.count; });
+        j["signed_by_rule"][rule] = s.by_rule.at(rule);
     j["failures"] = nlohmann::ordered_json::array();
-    for (const auto &[reason, f] : fails)
-        j["failures"].push_back({{"reason", reason},
+    for (const auto &f : s.failures)
+        j["failures"].push_back({{"reason", f.reason},
                                  {"count", f.count},
                                  {"example_trace", f.trace},
                                  {"example_time", stamp(f.when, "%Y-%m-%dT%H:%M:%S%z")}});
-    j["domains_without_key"] = no_key_;
-    std::vector<std::pair<std::string, long>> top(clients_.begin(), clients_.end());
-    std::stable_sort(top.begin(), top.end(), [](auto &a, auto &b) { return a.second > b.second; });
-    top.resize(std::min<size_t>(top.size(), TOP_CLIENTS));
+    j["domains_without_key"] = nlohmann::ordered_json::object();
+    for (const auto &[key, n] : s.no_key)
+        j["domains_without_key"][key] = n;
+    j["bounces"] = s.bounces;
     j["skipped_clients"] = nlohmann::ordered_json::object();
-    for (const auto &[ip, n] : top)
+    for (const auto &[ip, n] : s.clients)
         j["skipped_clients"][ip] = n;
+    j["skipped_without_address"] = s.without_address;
     j["hours"] = nlohmann::ordered_json::array();
-    for (const auto &[hour, h] : hours_)
-        j["hours"].push_back({{"hour", stamp(hour, "%Y-%m-%dT%H:00%z")},
+    for (const auto &h : s.hours)
+        j["hours"].push_back({{"hour", stamp(h.hour, "%Y-%m-%dT%H:00%z")},
                               {"signed", h.signed_},
                               {"skipped", h.skipped},
                               {"failed", h.failed}});
     return j;
 }
 
-std::string Tally::text(bool utf8) const
+std::string render_text(const Summary &s, bool utf8)
 {
-    nlohmann::ordered_json j = json();
     std::string out;
-    auto line = [&](const std::string &s) { out += s + "\n"; };
     char buf[512];
-    snprintf(buf, sizeof(buf), "runs %ld   signed %ld   skipped %ld   failed %ld", runs_, signed_,
-             skipped_, failed_);
+    auto line = [&](const std::string &text) { out += text + "\n"; };
+    auto counts = [&](const std::vector<std::pair<std::string, long>> &list, const char *none) {
+        for (const auto &[name, n] : list) {
+            snprintf(buf, sizeof(buf), "%7ld  %s", n, name.c_str());
+            line(buf);
+        }
+        if (list.empty()) line(none);
+    };
+    snprintf(buf, sizeof(buf), "runs %ld   signed %ld   skipped %ld   failed %ld", s.runs,
+             s.signed_, s.skipped, s.failed);
     line(buf);
-    const auto &rules = j["signed_by_rule"];
     snprintf(buf, sizeof(buf), "signed by rule: sendmail %ld, authorized %ld, whitelisted %ld",
-             rules["sendmail"].get<long>(), rules["authorized"].get<long>(),
-             rules["whitelisted"].get<long>());
+             s.by_rule.at("sendmail"), s.by_rule.at("authorized"), s.by_rule.at("whitelisted"));
     line(buf);
-    if (malformed > 0) line("malformed keyseal lines (not counted): " + std::to_string(malformed));
+    if (s.malformed > 0)
+        line("malformed keyseal lines (not counted): " + std::to_string(s.malformed));
     line("");
     line("failures by reason:");
-    for (const auto &f : j["failures"]) {
-        snprintf(buf, sizeof(buf), "%7ld  %s   (e.g. trace %s at %s)", f["count"].get<long>(),
-                 f["reason"].get<std::string>().c_str(),
-                 f["example_trace"].get<std::string>().c_str(),
-                 f["example_time"].get<std::string>().c_str());
+    for (const auto &f : s.failures) {
+        snprintf(buf, sizeof(buf), "%7ld  %s   (e.g. trace %s at %s)", f.count, f.reason.c_str(),
+                 f.trace.c_str(), stamp(f.when, "%Y-%m-%dT%H:%M:%S%z").c_str());
         line(buf);
     }
-    if (j["failures"].empty()) line("      none");
+    if (s.failures.empty()) line("      none");
     line("");
     line("domains without a usable key (DOMAIN/SELECTOR):");
-    std::vector<std::pair<std::string, long>> keys(no_key_.begin(), no_key_.end());
-    std::stable_sort(keys.begin(), keys.end(),
-                     [](auto &a, auto &b) { return a.second > b.second; });
-    for (const auto &[key, n] : keys) {
-        snprintf(buf, sizeof(buf), "%7ld  %s", n, key.c_str());
-        line(buf);
-    }
-    if (no_key_.empty()) line("      none");
+    counts(s.no_key, "      none");
     line("");
     line("skipped clients, not whitelisted (top ten):");
-    for (const auto &[ip, n] : j["skipped_clients"].items()) {
-        snprintf(buf, sizeof(buf), "%7ld  %s", n.get<long>(), ip.c_str());
-        line(buf);
-    }
-    if (j["skipped_clients"].empty()) line("      none");
+    auto clients = s.clients;
+    if (s.without_address > 0)
+        clients.emplace_back("(no client address: not local, not authenticated)",
+                             s.without_address);
+    counts(clients, "      none");
     line("");
     const char *marks[3] = {utf8 ? "\u2588" : "#", utf8 ? "\u2592" : "+", utf8 ? "\u2591" : "!"};
     line(std::string("runs per hour (") + marks[0] + " signed  " + marks[1] + " skipped  " +
          marks[2] + " failed):");
     long most = 1;
-    for (const auto &[hour, h] : hours_)
+    for (const auto &h : s.hours)
         most = std::max(most, h.signed_ + h.skipped + h.failed);
-    for (const auto &[hour, h] : hours_) {
+    for (const auto &h : s.hours) {
         std::string bar;
         long parts[3] = {h.signed_, h.skipped, h.failed};
         for (int k = 0; k < 3; k++) {
@@ -361,7 +398,7 @@ std::string Tally::text(bool utf8) const
             for (long i = 0; i < width; i++)
                 bar += marks[k];
         }
-        snprintf(buf, sizeof(buf), "  %s  %s %ld", stamp(hour, "%Y-%m-%d %H:00").c_str(),
+        snprintf(buf, sizeof(buf), "  %s  %s %ld", stamp(h.hour, "%Y-%m-%d %H:00").c_str(),
                  bar.c_str(), h.signed_ + h.skipped + h.failed);
         line(buf);
     }
@@ -385,59 +422,78 @@ static time_t since_time(const std::string &text, time_t now)
     return mktime(&tm);
 }
 
+/* read_log - feed every line of a mail log file (plain or .gz); "" or why it stopped */
+static std::string read_log(const std::string &file,
+                            const std::function<void(std::string_view)> &feed)
+{
+    gzFile in = gzopen(file.c_str(), "rb"); /* a plain file reads through unchanged */
+    if (in == nullptr) return strerror(errno != 0 ? errno : ENOMEM);
+    gzbuffer(in, 1 << 20);
+    std::vector<char> buf(1 << 16);
+    std::string line;
+    while (gzgets(in, buf.data(), (int)buf.size()) != nullptr) {
+        size_t n = strlen(buf.data());
+        bool whole = n > 0 && buf[n - 1] == '\n';
+        if (line.empty() && whole) {
+            feed(std::string_view(buf.data(), n));
+            continue;
+        }
+        line.append(buf.data(), n);
+        if (whole) feed(line), line.clear();
+    }
+    if (!line.empty()) feed(line);
+    int err = Z_OK;
+    std::string why = gzerror(in, &err);
+    if (err == Z_ERRNO) why = strerror(errno);
+    gzclose(in);
+    return err != Z_OK && err != Z_BUF_ERROR ? why : "";
+}
+
 int cmd_report(const std::string &since, bool json, const std::vector<std::string> &files)
 {
     time_t now = time(nullptr), from = since_time(since, now);
     Tally tally;
+    long malformed = 0, lines = 0;
     auto feed = [&](std::string_view text) {
         Line l;
         Parsed p = parse_line(text, now, l);
-        if (p == Parsed::Malformed) tally.malformed++;
+        lines++;
+        if (p == Parsed::Malformed) malformed++;
         if (p == Parsed::Ours && l.when >= from) tally.add(l);
     };
-    std::vector<char> buf(1 << 16);
+    size_t unread = 0;
     for (const auto &file : files) {
-        gzFile in = gzopen(file.c_str(), "rb"); /* a plain file reads through unchanged */
-        if (in == nullptr) throw Problem("cannot read " + errno_text(file));
-        gzbuffer(in, 1 << 20);
-        std::string line;
-        while (gzgets(in, buf.data(), (int)buf.size()) != nullptr) {
-            size_t n = strlen(buf.data());
-            bool whole = n > 0 && buf[n - 1] == '\n';
-            if (line.empty() && whole) {
-                feed(std::string_view(buf.data(), n));
-                continue;
-            }
-            line.append(buf.data(), n);
-            if (whole) feed(line), line.clear();
-        }
-        if (!line.empty()) feed(line);
-        int err = Z_OK;
-        const char *why = gzerror(in, &err);
-        gzclose(in);
-        if (err != Z_OK && err != Z_BUF_ERROR) throw Problem("cannot read " + file + ": " + why);
+        /* rotated lists often hold a file that is gone or unreadable: say so, read the rest */
+        std::string why = read_log(file, feed);
+        if (why.empty()) continue;
+        unread++;
+        fprintf(stderr,
+                "keyseal-admin report: warning: cannot read %s: %s; the report leaves it out\n",
+                file.c_str(), why.c_str());
     }
+    if (!files.empty() && unread == files.size())
+        throw Problem("none of the files could be read: name readable mail log files");
     if (files.empty()) {
         /* the journal, in the same stamp form as a mail log */
         FILE *j = popen("journalctl -t keyseal -o short-iso --no-pager -q 2>/dev/null", "r");
-        if (j == nullptr) throw Problem("cannot run journalctl; name the mail log files instead");
+        if (j == nullptr) throw Problem("cannot run journalctl: name the mail log files instead");
         char *l = nullptr;
         size_t room = 0;
         while (getline(&l, &room, j) >= 0)
             feed(l);
         free(l);
-        if (pclose(j) != 0 && tally.json()["runs"] == 0)
-            throw Problem(
-                "no journal to read (journalctl failed); name the mail log files instead");
+        if (pclose(j) != 0 && lines == 0)
+            throw Problem("no journal to read (journalctl failed): name the mail log files "
+                          "instead, e.g. keyseal-admin report /var/log/mail.log*");
     }
-    tally.finish();
+    Summary summary = tally.finish(malformed);
     if (json) {
-        printf("%s\n", tally.json().dump(2).c_str());
+        printf("%s\n", render_json(summary).dump(2).c_str());
         return EXIT_OK;
     }
     setlocale(LC_CTYPE, "");
     bool utf8 = strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-    fputs(tally.text(utf8).c_str(), stdout);
+    fputs(render_text(summary, utf8).c_str(), stdout);
     return EXIT_OK;
 }
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,18 +32,14 @@ struct Run {
     std::string out, err;
 };
 
-/* run_handler - the handler exactly as the chain runs it: message on stdin, verdict on stderr */
+/* run_handler - the handler exactly as the chain runs it, as user when given: message on
+ * stdin, verdict on stderr */
 Run run_handler(const std::string &keyseal, const std::vector<std::string> &args,
-                const std::vector<std::string> &env, const std::string &message)
+                const std::vector<std::string> &env, const std::string &message, const Access *user)
 {
     int in[2], out[2], err[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
         throw Problem(std::string("cannot make pipes: ") + strerror(errno));
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in[0], 0);
-    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, err[1], 2);
     std::vector<char *> argv{(char *)keyseal.c_str()}, envp;
     for (const auto &a : args)
         argv.push_back((char *)a.c_str());
@@ -52,9 +47,14 @@ Run run_handler(const std::string &keyseal, const std::vector<std::string> &args
     for (const auto &e : env)
         envp.push_back((char *)e.c_str());
     envp.push_back(nullptr);
-    pid_t pid;
-    int rc = posix_spawn(&pid, keyseal.c_str(), &fa, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&fa);
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (dup2(in[0], 0) < 0 || dup2(out[1], 1) < 0 || dup2(err[1], 2) < 0) _exit(127);
+        if (user != nullptr) user->become();
+        execve(keyseal.c_str(), argv.data(), envp.data());
+        _exit(127);
+    }
+    int rc = pid < 0 ? errno : 0;
     close(in[0]);
     close(out[1]);
     close(err[1]);
@@ -124,7 +124,7 @@ void verify(const std::string &message, const Nameservers &ns, Report &report)
 } // namespace
 
 int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,
-             const std::string &keyseal)
+             const std::string &keyseal, const Access *user)
 {
     check_names(domain, selector);
     std::string sender = "postmaster@" + domain, trace = "T";
@@ -142,8 +142,9 @@ int cmd_test(const std::string &domain, const std::string &selector, const Names
 
     Report report;
     report.note("running PPP_INSIDE_SENDMAIL=1 " + keyseal + " " + args[0] + " " + sender + " " +
-                sender + " < (a sample message)");
-    Run run = run_handler(keyseal, args, env, message);
+                sender + " < (a sample message)" +
+                (user != nullptr ? ", as user " + user->user : ""));
+    Run run = run_handler(keyseal, args, env, message, user);
     bool passed = WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0 && run.err == "PASS";
     if (!passed) {
         report.error("the handler did not sign: " + describe(run.status) + ", standard error \"" +

@@ -15,11 +15,11 @@ namespace keyseal_admin
 namespace
 {
 
-/* spool_name - "message" and the six characters mkstemp chose */
+/* spool_name - the stem and the characters mkstemp chose */
 bool spool_name(const char *name)
 {
-    const size_t stem = sizeof("message") - 1;
-    return strncmp(name, "message", stem) == 0 && strlen(name) == stem + 6;
+    const size_t stem = sizeof(MAIL_SPOOL_STEM) - 1;
+    return strncmp(name, MAIL_SPOOL_STEM, stem) == 0 && strlen(name) == stem + MAIL_SPOOL_RANDOM;
 }
 
 } // namespace

@@ -109,7 +109,7 @@ int sign_message(const Run &run, const char *domain, const char *selector, const
 {
     FILE *msg = fopen(run.me->spool_path, "r");
     if (msg == nullptr) {
-        halyx_log(LOG_ERR, "DKIM error: %s", "cannot reopen the spooled message");
+        halyx_log(LOG_ERR, DK_LOG_DKIM_ERROR, "cannot reopen the spooled message");
         return -1;
     }
     dk_result *r = keyseal(domain, selector, key, msg);
@@ -140,7 +140,7 @@ int handle(Run &run)
     line_sections ls;
     int removed = remove_old_signatures(run, job->from_domain, &ls);
     if (removed < 0 || (removed > 0 && mail_tmpfile_replace(run.me) != 0)) {
-        halyx_log(LOG_ERR, "Unable to modify the email's header");
+        halyx_log(LOG_ERR, DK_LOG_HEADER_FAILED);
         return DK_ENGINE_FAILED;
     }
     for (size_t i = 0; i < run.signatures.size(); i++)
@@ -174,7 +174,7 @@ int dk_engine_run(const dk_engine_job *job)
     mail_spool_guard();
     run.me = mail_stream_to_tmpfile(job->in);
     if (run.me == nullptr) {
-        halyx_log(LOG_ERR, "Unable to save email into the temporary file");
+        halyx_log(LOG_ERR, DK_LOG_SPOOL_FAILED);
         return DK_ENGINE_FAILED;
     }
     notify(run, DK_EVENT_SPOOLED, 0, run.me->spool_path);

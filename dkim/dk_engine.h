@@ -29,6 +29,11 @@ enum dk_engine_status {
 
 #define DK_SIGNATURE_HEADER "DKIM-Signature:" /* the name the removal walk recognises */
 
+/* The handler's summary lines of a failed run; keyseal-admin report reads them back */
+#define DK_LOG_INIT_FAILED "Unable to intialize keyseal mail handler"
+#define DK_LOG_SPOOL_FAILED "Unable to save email into the temporary file"
+#define DK_LOG_HEADER_FAILED "Unable to modify the email's header"
+
 enum dk_engine_event {
     DK_EVENT_POLICY,  /* number: the dk_policy_rule; text: the decision's log line */
     DK_EVENT_SPOOLED, /* text: the spool file */

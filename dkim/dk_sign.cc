@@ -40,10 +40,10 @@ dk_result *dk_result_init(void)
 char *dk_result_failure(const dk_result *result)
 {
     if (result->status != DKIM_STAT_OK)
-        return asprintf_safe("DKIM error: %s",
+        return asprintf_safe(DK_LOG_DKIM_ERROR,
                              result->text != nullptr ? result->text : "no description");
     if (result->text == nullptr)
-        return asprintf_safe("DKIM error: %s", "no signature header was made");
+        return asprintf_safe(DK_LOG_DKIM_ERROR, "no signature header was made");
     return nullptr;
 }
 

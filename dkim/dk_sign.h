@@ -24,6 +24,8 @@
 extern "C" {
 #endif
 
+#define DK_LOG_DKIM_ERROR "DKIM error: %s" /* the handler's line for a failed signature */
+
 typedef struct dk_result {
     int32_t status;
     char *text;

@@ -1,6 +1,7 @@
 #include "dkim/whitelist.hpp"
 
 #include "dkim/dk_key.h"
+#include "dkim/whitelist.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
@@ -26,7 +27,7 @@ int writeLines(FILE *old, FILE *out, void *data)
 
 } // namespace
 
-Whitelist::Whitelist() : Whitelist(std::filesystem::path(DK_KEYS_DIR) / "whitelist") {}
+Whitelist::Whitelist() : Whitelist(std::filesystem::path(DK_KEYS_DIR) / DK_WHITELIST_NAME) {}
 
 Whitelist::Whitelist(const std::filesystem::path &path) : path(path)
 {

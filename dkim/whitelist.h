@@ -5,11 +5,16 @@
 #ifndef DKIM_WHITELIST_H
 #define DKIM_WHITELIST_H
 
+#include "dkim/dk_key.h"
+
 #include <stdbool.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+#define DK_WHITELIST_NAME "whitelist"
+#define DK_WHITELIST_PATH DK_KEYS_DIR "/" DK_WHITELIST_NAME
 
 bool dkim_whitelist_contains(const char *ip);
 

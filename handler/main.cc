@@ -20,7 +20,7 @@ int main(int argc, char **argv)
     if (mh_std_fds_open() != 0) return DK_ENGINE_FAILED; /* nothing can be logged safely */
     mh_handler_context ctx;
     if (mh_handler_prepare(&ctx, argc, argv) != 0) {
-        halyx_log(LOG_ERR, "Unable to intialize keyseal mail handler");
+        halyx_log(LOG_ERR, DK_LOG_INIT_FAILED);
         return DK_ENGINE_FAILED;
     }
     dk_engine_job job = {ctx.from_domain, ctx.context, stdin, stdout, nullptr, nullptr};

@@ -17,7 +17,7 @@ enum { COPY_CHUNK = 8192, GUARD_SLOTS = 2 /* the spool file, and its successor w
  * while a file is created or unlinked together with its slot, so that no signal
  * falls between the two.
  */
-static char guard_path[GUARD_SLOTS][sizeof(MAIL_SPOOL_DIR "/messageXXXXXX")];
+static char guard_path[GUARD_SLOTS][sizeof(MAIL_SPOOL_DIR "/" MAIL_SPOOL_STEM "XXXXXX")];
 static volatile sig_atomic_t guard_used[GUARD_SLOTS];
 static const int GUARD_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM};
 

@@ -27,7 +27,9 @@ extern "C" {
 #endif
 
 #define MAIL_SPOOL_DIR "/usr/local/hlx/handlers/spool"
-#define MAIL_SPOOL_TEMPLATE "%s/messageXXXXXX"
+#define MAIL_SPOOL_STEM "message" /* spool file names: the stem and 6 characters of mkstemp */
+#define MAIL_SPOOL_TEMPLATE "%s/" MAIL_SPOOL_STEM "XXXXXX"
+#define MAIL_SPOOL_RANDOM 6
 
 typedef struct mail_me {
     const char *line_end;    /* "\r\n" or "\n": the separator after the header block */

@@ -52,7 +52,7 @@ const char *mh_from_domain(const char *from)
 
 int mh_handler_prepare(mh_handler_context *ctx, int argc, char **argv)
 {
-    static const char usage[] = "Some args not defined. Use %s <CONTEXT> <FROM> <TO>\n";
+    static const char usage[] = MH_LOG_USAGE;
 
     /* logging first, so that even the usage error reaches syslog */
     halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, HALYX_LOG_TRACE, nullptr);

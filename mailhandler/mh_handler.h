@@ -16,6 +16,7 @@ extern "C" {
 #endif
 
 #define MH_HOSTNAME_SIZE 65
+#define MH_LOG_USAGE "Some args not defined. Use %s <CONTEXT> <FROM> <TO>\n" /* argv[0] */
 
 typedef struct mh_handler_context {
     char hostname[MH_HOSTNAME_SIZE];

@@ -105,3 +105,50 @@ def test_nameserver_is_asked_for_every_question(admin, key, tmp_path, command, e
     admin.put_key("example.com", "default", key[0])
     r = admin.run_admin([command, "example.com", "--nameserver", "127.0.0.2"])
     assert (r.status, expect in r.stdout) == (0, True), r.stdout + r.stderr
+
+
+def test_check_all_after_a_forced_keygen(admin, key):
+    """The replaced key is kept beside the new one, under a name check --all never takes
+    for a selector; every real key gets its line, and the summary counts the bad ones."""
+    assert admin.run_admin(["keygen", "example.com"]).status == 0
+    path = os.path.join(admin.root, KEY)
+    old = open(path, "rb").read()
+    r = admin.run_admin(["keygen", "example.com", "--force"])
+    kept = re.search(rb"kept the replaced key as /etc/domainkeys/(example.com/\.default\.replaced-\S+)",
+                     r.stderr).group(1).decode()
+    assert open(os.path.join(admin.root, "domainkeys", kept), "rb").read() == old != open(path, "rb").read()
+    admin.nsd.serve("example.com", r.stdout.decode())
+    admin.put_key("example.com", "s1", key[0])
+    admin.put_whitelist("10.0.0.0/8\n")
+    r = admin.run_admin(["check", "--all"])
+    assert r.status == 1 and r.stdout.splitlines() == [
+        b"ok: example.com/default",
+        b"error: example.com/s1: no TXT record at s1._domainkey.example.com: publish the record "
+        b"that 'keyseal-admin dns example.com --selector s1' prints",
+        b"2 keys checked, 1 with problems"]
+
+
+FIX = ("chgrp mailer /etc/domainkeys/example.com/default && chmod 0640 /etc/domainkeys/example.com/default"
+       " && chmod 1733 /usr/local/hlx/handlers/spool && ")
+
+
+@pytest.mark.parametrize("fix,command,status,expect", [
+    ("", "check", 1, rb"error: user mailer cannot read the key /etc/domainkeys/example.com/default: "
+                     rb"Permission denied; .* chgrp mailer "),
+    ("", "check", 1, rb"error: user mailer cannot create spool files in /usr/local/hlx/handlers/spool: "
+                     rb"Permission denied; .* chmod 1733"),
+    ("", "test", 1, rb"error: the handler did not sign: exit status 255"),
+    (FIX, "check", 0, rb"ok: user mailer can read the key"),
+    (FIX, "test", 0, rb"ok: the signature verifies"),
+])
+def test_user_sees_what_the_mail_system_sees(admin, key, fix, command, status, expect):
+    """A real unprivileged user, made in the sandbox's private /etc."""
+    admin.put_key("example.com", "default", key[0])
+    os.chmod(os.path.join(admin.root, KEY), 0o600)
+    admin.nsd.serve("example.com", txt(b"v=DKIM1; k=rsa; p=" + key[2]))
+    script = (f"useradd --system --no-create-home mailer && {fix}exec {os.environ['KEYSEAL_ADMIN_BIN']} "
+              f"{command} example.com --user mailer")
+    r = admin.run(["-c", script], binary="/bin/sh", argv0="sh",
+                  env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+    assert (r.status, admin.spool()) == (status, []), r.stdout + r.stderr
+    assert re.search(expect, r.stdout), r.stdout

@@ -21,12 +21,14 @@ RUNS = [  # (environment, arguments, exit status)
     (SENDMAIL, ANN, 0), ({"SMTP_AUTHORIZED": "joe"}, ANN, 0), ({"TCPREMOTEIP": "10.1.2.3"}, ANN, 0),
     ({"TCPREMOTEIP": "192.0.2.7"}, ANN, 5), ({"TCPREMOTEIP": "192.0.2.7"}, ANN, 5), ({}, ANN, 5),
     (SENDMAIL, ["", "ann@example.org", "b"], 255), (SENDMAIL, ["dkimsel=s1", "ann@shop.example", "b"], 255),
-    (SENDMAIL, ["dkimsel=bad", "ann@example.com", "b"], 255), (SENDMAIL, ["ctx", "ann@example.com"], 255)]
-EXPECTED = {"runs": 10, "signed": 3, "skipped": 3, "failed": 4, "malformed_lines": 0,
+    (SENDMAIL, ["dkimsel=bad", "ann@example.com", "b"], 255), (SENDMAIL, ["ctx", "ann@example.com"], 255),
+    (SENDMAIL, ["", "MAILER-DAEMON", "b"], 255)]
+EXPECTED = {"runs": 11, "signed": 3, "skipped": 3, "failed": 5, "malformed_lines": 0,
             "signed_by_rule": {"sendmail": 1, "authorized": 1, "whitelisted": 1},
-            "domains_without_key": {"example.org/default": 1, "shop.example/s1": 1},
-            "skipped_clients": {"192.0.2.7": 2, "NULL": 1}}
-REASONS = {"cannot get sender domain key": 2, "DKIM error: DKIM Resource unavailable": 1, "usage error": 1}
+            "domains_without_key": {"example.org/default": 1, "shop.example/s1": 1}, "bounces": 1,
+            "skipped_clients": {"192.0.2.7": 2}, "skipped_without_address": 1}
+REASONS = {"cannot get sender domain key": 2, "DKIM error: DKIM Resource unavailable": 1, "usage error": 1,
+           "sender without a domain (a bounce): nothing to sign with": 1}
 
 
 @pytest.fixture(scope="module")
@@ -61,12 +63,16 @@ def test_report_counts_the_runs(mail_log, name):
             shutil.copyfileobj(src, dst)
     with open(os.path.join(mail_log.root, "mail.log"), "a") as f:  # another program's line
         f.write("2026-11-22T10:00:00+00:00 host postfix/smtp[99]: to=<x@y>, status=sent\n")
-    report = json.loads(subprocess.run([os.environ["KEYSEAL_ADMIN_BIN"], "report", "--json", path],
-                                       capture_output=True, check=True).stdout)
+    gone = os.path.join(mail_log.root, "mail.log.9.gz")  # named by a rotation list, not there
+    r = subprocess.run([os.environ["KEYSEAL_ADMIN_BIN"], "report", "--json", gone, path], capture_output=True)
+    assert (r.returncode, r.stderr.decode()) == (0, f"keyseal-admin report: warning: cannot read {gone}: "
+                                                    "No such file or directory; the report leaves it out\n")
+    report = json.loads(r.stdout)
     assert {k: report[k] for k in EXPECTED} == EXPECTED
     assert {f["reason"]: f["count"] for f in report["failures"]} == REASONS
     assert all(f["example_trace"].startswith("K") for f in report["failures"])
-    assert sum(h["signed"] + h["skipped"] + h["failed"] for h in report["hours"]) == 10
+    assert sum(h["signed"] + h["skipped"] + h["failed"] for h in report["hours"]) == 11
     text = subprocess.run([os.environ["KEYSEAL_ADMIN_BIN"], "report", path], capture_output=True,
                           env={"LANG": "C"}).stdout.decode()
-    assert "runs 10   signed 3   skipped 3   failed 4" in text and "#" in text
+    assert "runs 11   signed 3   skipped 3   failed 5" in text and "#" in text
+    assert "      1  (no client address: not local, not authenticated)\n" in text
