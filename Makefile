@@ -19,7 +19,6 @@ FUZZ_TARGETS = line_parse header whitelist_word conf signer
 VERSION := $(shell sed -n 's/^project.keyseal VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 ARCH    := $(shell dpkg --print-architecture 2>/dev/null)
 DEB      = dist/keyseal_$(VERSION)_$(ARCH).deb
-SUDO    := $(if $(filter 0,$(shell id -u)),,sudo DEBIAN_FRONTEND=noninteractive)
 MAKEFLAGS += --no-print-directory
 
 # zlib and zstd: Debian 13's libcrypto names them in its static link line
@@ -27,6 +26,7 @@ DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-dnspython python3-pytest libcli11-dev \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog
+TEST_SERVERS = nsd rsyslog
 BENCH_PACKAGES = libmail-dkim-perl
 FUZZ_PACKAGES = clang
 DEBIAN13_PACKAGES = debootstrap
@@ -35,17 +35,10 @@ DEBIAN13_PACKAGES = debootstrap
 
 all: build
 
-# Installs what is missing: the list first, then silence unless apt fails.
+# Installs what is missing: the list first, then silence unless apt fails.  The servers
+# the tests run are installed without being started or enabled on this machine.
 deps:
-	@missing=$$(for p in $(DEB_PACKAGES); do \
-		dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'ok installed' || echo $$p; done); \
-	if [ -n "$$missing" ]; then \
-		echo "installing Debian packages:" $$missing; \
-		log=$$(mktemp); \
-		{ $(SUDO) apt-get update -qq && DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq \
-			--no-install-recommends $$missing; } >$$log 2>&1 || { cat $$log; rm -f $$log; exit 1; }; \
-		rm -f $$log; \
-	fi
+	@TEST_SERVERS="$(TEST_SERVERS)" sh sandbox/apt-install.sh $(DEB_PACKAGES)
 
 $(BUILD)/Makefile: | deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null

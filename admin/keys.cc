@@ -40,6 +40,12 @@ std::string bio_text(BIO *b)
     return std::string(data, n > 0 ? (size_t)n : 0);
 }
 
+/* as_root - the next step when a file operation was refused */
+std::string as_root()
+{
+    return errno == EACCES || errno == EPERM ? ": run keyseal-admin as root" : "";
+}
+
 gid_t group_id(const std::string &group)
 {
     if (group.empty()) {
@@ -60,10 +66,10 @@ void make_dir(const std::string &dir, mode_t mode, gid_t gid)
 {
     if (mkdir(dir.c_str(), mode) != 0) {
         if (errno == EEXIST) return;
-        throw Problem("cannot create directory " + errno_text(dir));
+        throw Problem("cannot create directory " + errno_text(dir) + as_root());
     }
     if (chmod(dir.c_str(), mode) != 0 || chown(dir.c_str(), (uid_t)-1, gid) != 0)
-        throw Problem("cannot set owner and mode of " + errno_text(dir));
+        throw Problem("cannot set owner and mode of " + errno_text(dir) + as_root());
 }
 
 /* write_key - PEM through a temporary file beside the key and rename: never half a key */
@@ -71,7 +77,7 @@ void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
 {
     std::string tmp = path.substr(0, path.rfind('/') + 1) + ".keygen.XXXXXX";
     int fd = mkstemp(tmp.data());
-    if (fd < 0) throw Problem("cannot create a file in " + errno_text(tmp));
+    if (fd < 0) throw Problem("cannot create a file in " + errno_text(tmp) + as_root());
     FILE *f = fdopen(fd, "w");
     bool ok = f != nullptr && fchown(fd, (uid_t)-1, gid) == 0 && fchmod(fd, 0640) == 0 &&
               PEM_write_PrivateKey(f, key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
@@ -82,7 +88,7 @@ void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
     err = errno != 0 ? errno : err;
     unlink(tmp.c_str());
     errno = err;
-    throw Problem("cannot write the key " + errno_text(path));
+    throw Problem("cannot write the key " + errno_text(path) + as_root());
 }
 
 /* keep_replaced - a hard link to the key about to be replaced, under a name that begins with
@@ -251,11 +257,18 @@ int cmd_dns(const std::string &domain, const std::string &selector)
     check_names(domain, selector);
     std::string path = key_path(domain, selector), key;
     int status = read_key_text(path, key);
+    std::string remake = "'keyseal-admin keygen " + domain + " --selector " + selector;
     if (status != DK_KEY_OK)
-        throw Problem(status == DK_KEY_TOO_BIG ? path + ": larger than a key file may be"
-                                               : "cannot read the key " + errno_text(path));
+        throw Problem(
+            status == DK_KEY_TOO_BIG
+                ? path + ": larger than a key file may be (9215 bytes): replace it with " + remake +
+                      " --force'"
+                : "cannot read the key " + errno_text(path) + ": make one with " + remake + "'");
     Pkey pkey = load_rsa_key(key);
-    if (!pkey) throw Problem(path + " does not hold an RSA private key (PEM or base64 DER)");
+    if (!pkey)
+        throw Problem(path +
+                      " does not hold an RSA private key (PEM or base64 DER): replace it with " +
+                      remake + " --force'");
     fputs(dns_record(domain, selector, public_key_base64(pkey.get())).c_str(), stdout);
     return EXIT_OK;
 }

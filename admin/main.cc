@@ -108,6 +108,25 @@ int main(int argc, char **argv)
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
 
+    /* CLI11 would only say that a command is required: name the word it did not know */
+    CLI::App *level = &app;
+    for (int i = 1; i < argc && level != nullptr && argv[i][0] != '-'; i++) {
+        auto known = level->get_subcommands([](CLI::App *) { return true; });
+        if (known.empty()) break;
+        CLI::App *next = nullptr;
+        std::string names;
+        for (auto *c : known) {
+            if (c->get_name() == argv[i]) next = c;
+            names += (names.empty() ? "" : ", ") + c->get_name();
+        }
+        if (next == nullptr) {
+            fprintf(stderr, "keyseal-admin: unknown command '%s'; the commands%s%s are: %s\n",
+                    argv[i], level == &app ? "" : " of ",
+                    level == &app ? "" : level->get_name().c_str(), names.c_str());
+            return EXIT_USAGE;
+        }
+        level = next;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {

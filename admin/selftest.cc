@@ -60,7 +60,8 @@ Run run_handler(const std::string &keyseal, const std::vector<std::string> &args
     close(err[1]);
     if (rc != 0) {
         close(in[1]), close(out[0]), close(err[0]);
-        throw Problem("cannot run the handler " + keyseal + ": " + strerror(rc));
+        throw Problem("cannot run the handler " + keyseal + ": " + strerror(rc) +
+                      ": name it with --keyseal PATH");
     }
     /* the sample is small: it fits in the pipe, so writing first cannot deadlock */
     if (write(in[1], message.data(), message.size()) < 0 && errno != EPIPE) {

@@ -63,14 +63,20 @@ class Unavailable(Exception):
     """The sandbox cannot start here; the text names the cause in one line."""
 
 
+# In a plain chroot, / is not a mount point and cannot be made private; mounting anyway
+# could reach the host through shared propagation, so the sandbox refuses and says why.
+NOT_A_MOUNT_POINT = ("/ is not a mount point here (a plain chroot?): bind the chroot's directory "
+                     "onto itself before entering it (mount --bind DIR DIR), as make check-debian13 does")
+
+
 def probe(root):
     """Start the sandbox once with /bin/true, so that a missing right is reported as such and
     not as keyseal's own stderr and exit status."""
     r = subprocess.run(sandbox_cmd(root, ["/bin/true"]), capture_output=True, text=True)
     if r.returncode != 0:
         lines = (r.stderr.strip() or f"exit status {r.returncode}").splitlines()
-        raise Unavailable("cannot start the sandbox (a private mount namespace, as root): "
-                          + lines[-1])
+        why = NOT_A_MOUNT_POINT if "propagation" in lines[-1] else lines[-1]
+        raise Unavailable("cannot start the sandbox (a private mount namespace, as root): " + why)
 
 
 class Sandbox:

@@ -55,6 +55,17 @@ def test_keygen_refuses_bad_names(admin, args):
     assert os.listdir(os.path.join(admin.root, "domainkeys")) == []
 
 
+@pytest.mark.parametrize("args,said", [
+    (["frobnicate"], b"unknown command 'frobnicate'; the commands are: keygen, dns, check,"),
+    (["whitelist", "frob"], b"unknown command 'frob'; the commands of whitelist are: list,"),
+    (["check"], b"name a DOMAIN, or --all for every key"),
+    (["check", "example.com", "--all"], b"name a DOMAIN, or --all for every key"),
+])
+def test_usage_names_what_is_wrong(admin, args, said):
+    r = admin.run_admin(args)
+    assert (r.status, said in r.stderr, r.stderr.count(b"\n")) == (2, True, 1), r.stderr
+
+
 @pytest.mark.parametrize("case,status,expect", [
     ("match", 0, "ok: the published public key matches the private key"),
     ("other-key", 1, "error: the published public key does not match the private key"),
