@@ -25,8 +25,9 @@ MAKEFLAGS += --no-print-directory
 DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-dnspython python3-pytest libcli11-dev \
-	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog
-TEST_SERVERS = nsd rsyslog
+	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog \
+	libmilter-dev postfix sasl2-bin libsasl2-modules
+TEST_SERVERS = nsd rsyslog postfix
 BENCH_PACKAGES = libmail-dkim-perl
 FUZZ_PACKAGES = clang
 DEBIAN13_PACKAGES = debootstrap

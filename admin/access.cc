@@ -9,7 +9,9 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +24,16 @@ namespace
 /* probe - the errno of doing what the handler does with path (0: it works); runs as the user */
 int probe(const Access::Probe &p)
 {
+    if (p.kind == Access::CONNECT) {
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        if (p.path.size() >= sizeof(a.sun_path)) return ENAMETOOLONG;
+        memcpy(a.sun_path, p.path.data(), p.path.size());
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int err = fd < 0 || connect(fd, (sockaddr *)&a, sizeof(a)) != 0 ? errno : 0;
+        if (fd >= 0) close(fd);
+        return err;
+    }
     if (p.kind == Access::CREATE_IN) {
         std::string tmp = p.path + "/.keyseal-admin.XXXXXX";
         int fd = mkstemp(tmp.data());

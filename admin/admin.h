@@ -13,6 +13,8 @@
 #define KEYSEAL_ADMIN_H
 
 #include <memory>
+#include "milter/milter_conf.h"
+
 #include <openssl/evp.h>
 #include <sys/types.h>
 #include <stdexcept>
@@ -61,15 +63,12 @@ class Report
     bool quiet_;
 };
 
-/* The account keyseal-milter runs as; the default --user of check and test where it exists */
-constexpr const char *MILTER_USER = "keyseal";
-
 /* Access - what a user (the one the mail system runs the handler as) can do with the
  * handler's files, found out by doing it in a child that took the user's identity */
 class Access
 {
   public:
-    enum Kind { READ, READ_IF_THERE, CREATE_IN };
+    enum Kind { READ, READ_IF_THERE, CREATE_IN, CONNECT };
     struct Probe {
         std::string path;
         Kind kind;
@@ -99,6 +98,8 @@ using Nameservers = std::vector<std::string>;
 void check_names(const std::string &domain, const std::string &selector);
 /* valid_name - a name check_names accepts: a key's domain or selector */
 bool valid_name(const std::string &name);
+/* all_keys - every DOMAIN/SELECTOR key under the keys directory, in name order */
+std::vector<std::pair<std::string, std::string>> all_keys();
 Nameservers parse_nameservers(const std::string &list);
 std::string errno_text(const std::string &path);
 /* key_path - the handler's key path for domain and selector */
@@ -145,6 +146,24 @@ std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &
  * the keys directory; with a user, also what that user can do with the handler's files */
 int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns,
               const Access *user, bool all);
+
+// run.cc
+struct Run {
+    int status = -1; /* as waitpid() gives it; exit status 127: it could not be run */
+    std::string out, err;
+};
+/* run_program - path with args (and env, or this environment when env is empty), input on
+ * its standard input, as user when given; both output streams caught */
+Run run_program(const std::string &path, const std::vector<std::string> &args,
+                const std::vector<std::string> &env, const std::string &input,
+                const Access *user = nullptr);
+
+// postfix.cc
+/* cmd_postfix_setup - the Postfix settings keyseal-milter needs, written with postconf after
+ * keeping copies of main.cf and master.cf; prints what it changed */
+int cmd_postfix_setup();
+/* cmd_postfix_check - every pitfall of the live Postfix configuration, with its fix */
+int cmd_postfix_check();
 
 // selftest.cc
 int cmd_test(const std::string &domain, const std::string &selector, const Nameservers &ns,

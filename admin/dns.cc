@@ -204,7 +204,7 @@ static void check_key(const std::string &domain, const std::string &selector, co
 
 /* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
  * given; others (the whitelist, kept replaced keys, dot files) are not keys */
-static std::vector<std::pair<std::string, std::string>> keys()
+std::vector<std::pair<std::string, std::string>> all_keys()
 {
     std::vector<std::pair<std::string, std::string>> out;
     std::error_code ec;
@@ -229,7 +229,7 @@ int cmd_check(const std::string &domain, const std::string &selector, const Name
         if (user != nullptr) user->check_files(report);
         return report.exit_status();
     }
-    auto found = keys();
+    auto found = all_keys();
     if (found.empty())
         throw Problem("no keys under " + std::string(DK_KEYS_DIR) +
                       ": make one with 'keyseal-admin keygen DOMAIN'");

@@ -49,7 +49,9 @@ std::string as_root()
 gid_t group_id(const std::string &group)
 {
     if (group.empty()) {
-        /* the readers' group is the keys directory's; root's when it does not exist yet */
+        /* the readers: keyseal-milter's group where it exists, else the keys directory's
+         * (root's when that does not exist yet) */
+        if (struct group *g = getgrnam(MILTER_USER)) return g->gr_gid;
         struct stat st;
         return stat(DK_KEYS_DIR, &st) == 0 ? st.st_gid : 0;
     }

@@ -100,6 +100,10 @@ int main(int argc, char **argv)
     report->add_option("--since", since, "YYYY-MM-DD, 'YYYY-MM-DD HH:MM', Nh or Nd");
     report->add_flag("--json", json, "one JSON object instead of the text report");
     report->add_option("FILE", files, "mail log files, plain or .gz (default: the journal)");
+    auto *postfix = app.add_subcommand("postfix", "put keyseal-milter into Postfix's mail flow");
+    postfix->require_subcommand(1);
+    postfix->add_subcommand("setup", "write the settings with postconf, keeping copies");
+    postfix->add_subcommand("check", "name every pitfall of the live configuration");
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
@@ -136,7 +140,8 @@ int main(int argc, char **argv)
 
     CLI::App *command = app.get_subcommands().front();
     std::string name = command->get_name();
-    if (name == "whitelist") name += " " + command->get_subcommands().front()->get_name();
+    if (name == "whitelist" || name == "postfix")
+        name += " " + command->get_subcommands().front()->get_name();
     try {
         if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
         if (name == "dns") return cmd_dns(domain, selector);
@@ -148,6 +153,8 @@ int main(int argc, char **argv)
         if (name == "explain") return cmd_explain(from, context, env, message);
         if (name == "spool") return cmd_spool(clean, older_than);
         if (name == "report") return cmd_report(since, json, files);
+        if (name == "postfix setup") return cmd_postfix_setup();
+        if (name == "postfix check") return cmd_postfix_check();
         Nameservers ns = parse_nameservers(nameservers);
         std::unique_ptr<Access> as;
         if (!user.empty()) as = std::make_unique<Access>(user);

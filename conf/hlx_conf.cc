@@ -238,15 +238,21 @@ int conf_read_file_r(const char *path, conf_table *t)
     }
     char *line = nullptr;
     size_t size = 0;
-    while (getdelim(&line, &size, '\n', f) >= 0) {
+    for (size_t number = 1; getdelim(&line, &size, '\n', f) >= 0; number++) {
         char *name, *value;
-        if (parse_line(line, &name, &value) == 1 && conf_set_r(name, value, t) != 0) {
+        int parsed = parse_line(line, &name, &value);
+        if (parsed < 0 && t->invalid_line == 0) t->invalid_line = number;
+        if (parsed != 1) continue;
+        if (conf_set_r(name, value, t) != 0) {
             int err = errno;
             fclose(f);
             free(line);
             errno = err;
             return -1;
         }
+        /* the table is unsorted while it is read: the entry is found by a linear search */
+        for (size_t i = 0; i < t->count; i++)
+            if (strcmp(t->entries[i].name, name) == 0) t->entries[i].line = number;
     }
     conf_finalize_r(t);
     int rc = 0;

@@ -25,13 +25,15 @@ extern "C" {
 typedef struct conf_entry {
     char *name;
     char *value;
+    size_t line; /* the file's line that set the value (1 first), 0 if set otherwise */
 } conf_entry;
 
 typedef struct conf_table {
     conf_entry *entries;
     size_t capacity;
     size_t count;
-    int sorted; /* entries ordered by name: lookups search by halves */
+    int sorted;          /* entries ordered by name: lookups search by halves */
+    size_t invalid_line; /* the first malformed line conf_read_file_r skipped, or 0 */
 } conf_table;
 
 int conf_init_r(conf_table *t);

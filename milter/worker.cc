@@ -1,0 +1,285 @@
+#include "milter/worker.h"
+
+#include "dkim/dk_engine.h"
+#include "mailhandler/mh_handler.h"
+#include "util/halyx_log.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <map>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char *program_invocation_short_name;
+
+namespace keyseal_milter
+{
+
+namespace
+{
+
+enum {
+    KILL_GRACE = 5,        /* seconds between SIGTERM and SIGKILL */
+    REQUEST_MAX = 1 << 20, /* one job's arguments and environment */
+};
+
+int requests = -1; /* the milter's end of the helper's socket */
+pid_t helper = -1;
+
+/*
+ * A job travels as one datagram: the words (queue id, context, from, the recipients,
+ * "", the environment) NUL-separated, with the message file and the result pipe's write
+ * end attached.  The child writes its result into the pipe as lines: "C n" for a cut
+ * header, "S length" and the header's bytes on PASS, and the helper, once it has reaped
+ * the child, "W status timed_out".  The reader sees end of file after that.
+ */
+bool send_job(const std::string &words, int fds[2])
+{
+    char control[CMSG_SPACE(2 * sizeof(int))] = {};
+    iovec iov{(void *)words.data(), words.size()};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof(control);
+    cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(2 * sizeof(int));
+    memcpy(CMSG_DATA(c), fds, 2 * sizeof(int));
+    ssize_t n;
+    do
+        n = sendmsg(requests, &msg, MSG_NOSIGNAL);
+    while (n < 0 && errno == EINTR);
+    return n == (ssize_t)words.size();
+}
+
+void write_all(int fd, const char *data, size_t length)
+{
+    while (length > 0) {
+        ssize_t n = write(fd, data, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        data += n, length -= (size_t)n;
+    }
+}
+
+/* report - the engine's observer in the child: what the milter must apply */
+void report(void *data, int event, int number, const char *text)
+{
+    int fd = *(int *)data;
+    char line[64];
+    if (event == DK_EVENT_CUT) {
+        int n = snprintf(line, sizeof(line), "C %d\n", number);
+        write_all(fd, line, (size_t)n);
+    } else if (event == DK_EVENT_SIGNED) {
+        int n = snprintf(line, sizeof(line), "S %zu\n", strlen(text));
+        write_all(fd, line, (size_t)n);
+        write_all(fd, text, strlen(text));
+    }
+}
+
+/* child - the handler for one message: its start-up, then the engine on the file */
+[[noreturn]] void child(std::vector<std::string> &words, int message, int result)
+{
+    /* words: queue id, context, from, recipients..., "", environment... */
+    clearenv();
+    size_t i = 3;
+    std::vector<char *> argv{(char *)"keyseal", words[1].data(), words[2].data()};
+    for (; i < words.size() && !words[i].empty(); i++)
+        argv.push_back(words[i].data());
+    argv.push_back(nullptr);
+    for (i++; i < words.size(); i++)
+        putenv(words[i].data());
+    setenv("HALYX_LOG_TRACE_ID", words[0].c_str(), 1);
+    /* the handler's lines, under the handler's name: keyseal-admin report counts them */
+    program_invocation_short_name = (char *)"keyseal";
+
+    mh_handler_context ctx;
+    if (mh_handler_prepare(&ctx, (int)argv.size() - 1, argv.data()) != 0) {
+        halyx_log(LOG_ERR, DK_LOG_INIT_FAILED);
+        _exit(DK_ENGINE_FAILED);
+    }
+    lseek(message, 0, SEEK_SET);
+    FILE *in = fdopen(message, "r");
+    dk_engine_job job = {ctx.from_domain, ctx.context, in, nullptr, report, &result};
+    int status = in != nullptr ? dk_engine_run(&job) : (int)DK_ENGINE_FAILED;
+    exit(status); /* exit, not _exit: the spool guard's atexit hook runs */
+}
+
+struct Running {
+    int result;      /* the helper's copy of the result pipe */
+    time_t deadline; /* SIGTERM then; SIGKILL KILL_GRACE later */
+    bool termed = false;
+};
+
+[[noreturn]] void helper_loop(int sock, int timeout)
+{
+    sigset_t chld;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &chld, nullptr);
+    int sigfd = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
+    signal(SIGTERM, SIG_DFL);
+    signal(SIGPIPE, SIG_IGN);
+    std::map<pid_t, Running> running;
+    std::vector<char> buf(REQUEST_MAX);
+    bool open = true;
+    while (open || !running.empty()) {
+        time_t now = time(nullptr);
+        int wait_ms = 1000;
+        for (auto &[pid, r] : running) {
+            if (now >= r.deadline + (r.termed ? KILL_GRACE : 0)) {
+                kill(pid, r.termed ? SIGKILL : SIGTERM);
+                if (!r.termed) r.termed = true, r.deadline = now;
+            }
+        }
+        pollfd fds[2] = {{open ? sock : -1, POLLIN, 0}, {sigfd, POLLIN, 0}};
+        if (poll(fds, 2, wait_ms) < 0 && errno != EINTR) _exit(1);
+        if (fds[1].revents) {
+            signalfd_siginfo si;
+            while (read(sigfd, &si, sizeof(si)) > 0) {
+            }
+            int status;
+            pid_t pid;
+            while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+                auto it = running.find(pid);
+                if (it == running.end()) continue;
+                char line[64];
+                int n = snprintf(line, sizeof(line), "W %d %d\n", status, it->second.termed);
+                write_all(it->second.result, line, (size_t)n);
+                close(it->second.result);
+                running.erase(it);
+            }
+        }
+        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        char control[CMSG_SPACE(2 * sizeof(int))] = {};
+        iovec iov{buf.data(), buf.size()};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof(control);
+        ssize_t n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC);
+        if (n <= 0) {
+            /* the milter is gone: its children's results have no reader */
+            if (n == 0 || errno != EINTR) open = false;
+            for (auto &[pid, r] : running)
+                kill(pid, SIGTERM);
+            continue;
+        }
+        cmsghdr *c = CMSG_FIRSTHDR(&msg);
+        if (c == nullptr || c->cmsg_type != SCM_RIGHTS || c->cmsg_len != CMSG_LEN(2 * sizeof(int)))
+            continue;
+        int fd[2];
+        memcpy(fd, CMSG_DATA(c), sizeof(fd));
+        std::vector<std::string> words;
+        for (size_t at = 0; at < (size_t)n;) {
+            size_t len = strnlen(buf.data() + at, (size_t)n - at);
+            words.emplace_back(buf.data() + at, len);
+            at += len + 1;
+        }
+        pid_t pid = words.size() >= 3 ? fork() : -1;
+        if (pid == 0) {
+            sigprocmask(SIG_UNBLOCK, &chld, nullptr);
+            close(sock);
+            close(sigfd);
+            fcntl(fd[0], F_SETFD, 0);
+            child(words, fd[0], fd[1]);
+        }
+        close(fd[0]);
+        if (pid < 0) {
+            char line[64];
+            int len = snprintf(line, sizeof(line), "W -1 0\n");
+            write_all(fd[1], line, (size_t)len);
+            close(fd[1]);
+            continue;
+        }
+        running[pid] = Running{fd[1], time(nullptr) + timeout};
+    }
+    _exit(0);
+}
+
+} // namespace
+
+void Worker::start(int timeout)
+{
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0)
+        throw WorkerGone(std::string("cannot make the helper's socket: ") + strerror(errno));
+    pid_t pid = fork();
+    if (pid < 0) throw WorkerGone(std::string("cannot start the helper: ") + strerror(errno));
+    if (pid == 0) {
+        close(sv[0]);
+        helper_loop(sv[1], timeout);
+    }
+    close(sv[1]);
+    requests = sv[0];
+    helper = pid;
+}
+
+pid_t Worker::helper_pid()
+{
+    return helper;
+}
+
+Outcome Worker::run(const Job &job)
+{
+    std::string words = job.queue_id + '\0' + job.context + '\0' + job.from + '\0';
+    for (const auto &r : job.to)
+        words += r + '\0';
+    words += '\0';
+    for (const auto &e : job.env)
+        words += e + '\0';
+    int pipefd[2];
+    if (pipe2(pipefd, O_CLOEXEC) != 0)
+        throw WorkerGone(std::string("cannot make a pipe: ") + strerror(errno));
+    int fds[2] = {job.message_fd, pipefd[1]};
+    bool sent = send_job(words, fds);
+    close(pipefd[1]);
+    if (!sent) {
+        close(pipefd[0]);
+        throw WorkerGone(std::string("the helper does not take work: ") + strerror(errno));
+    }
+    /* read to end of file: the helper closes its copy after the child's status */
+    std::string got;
+    char buf[8192];
+    for (;;) {
+        ssize_t n = read(pipefd[0], buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got.append(buf, (size_t)n);
+    }
+    close(pipefd[0]);
+    Outcome out;
+    for (size_t at = 0; at < got.size();) {
+        size_t eol = got.find('\n', at);
+        if (eol == std::string::npos) break;
+        std::string line = got.substr(at, eol - at);
+        at = eol + 1;
+        if (line[0] == 'C') {
+            out.removed.push_back(atoi(line.c_str() + 2));
+        } else if (line[0] == 'S') {
+            size_t len = strtoul(line.c_str() + 2, nullptr, 10);
+            out.signature = got.substr(at, len);
+            at += len;
+        } else if (line[0] == 'W') {
+            int timed = 0;
+            sscanf(line.c_str() + 2, "%d %d", &out.wait_status, &timed);
+            out.timed_out = timed != 0;
+        }
+    }
+    if (out.wait_status == -1 && got.find("W ") == std::string::npos)
+        throw WorkerGone("the helper ended before the handler's result came back");
+    return out;
+}
+
+} // namespace keyseal_milter
