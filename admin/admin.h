@@ -162,6 +162,8 @@ Run run_program(const std::string &path, const std::vector<std::string> &args,
 /* cmd_postfix_setup - the Postfix settings keyseal-milter needs, written with postconf after
  * keeping copies of main.cf and master.cf; prints what it changed */
 int cmd_postfix_setup();
+/* cmd_postfix_remove - keyseal-milter out of smtpd_milters and non_smtpd_milters */
+int cmd_postfix_remove();
 /* cmd_postfix_check - every pitfall of the live Postfix configuration, with its fix */
 int cmd_postfix_check();
 

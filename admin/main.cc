@@ -104,6 +104,7 @@ int main(int argc, char **argv)
     postfix->require_subcommand(1);
     postfix->add_subcommand("setup", "write the settings with postconf, keeping copies");
     postfix->add_subcommand("check", "name every pitfall of the live configuration");
+    postfix->add_subcommand("remove", "take keyseal-milter out of Postfix's milter lists");
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
@@ -155,6 +156,7 @@ int main(int argc, char **argv)
         if (name == "report") return cmd_report(since, json, files);
         if (name == "postfix setup") return cmd_postfix_setup();
         if (name == "postfix check") return cmd_postfix_check();
+        if (name == "postfix remove") return cmd_postfix_remove();
         Nameservers ns = parse_nameservers(nameservers);
         std::unique_ptr<Access> as;
         if (!user.empty()) as = std::make_unique<Access>(user);

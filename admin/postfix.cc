@@ -127,6 +127,19 @@ bool same_chroot()
     return smtpd;
 }
 
+void reload_if_running()
+{
+    Run status = run_program("/usr/sbin/postfix", {"status"}, {}, "");
+    if (!WIFEXITED(status.status) || WEXITSTATUS(status.status) != 0) {
+        printf("Postfix is not running: the settings take effect when it starts\n");
+        return;
+    }
+    Run reload = run_program("/usr/sbin/postfix", {"reload"}, {}, "");
+    printf("%s\n", WIFEXITED(reload.status) && WEXITSTATUS(reload.status) == 0
+                       ? "reloaded Postfix"
+                       : "Postfix did not reload: run postfix reload");
+}
+
 } // namespace
 
 int cmd_postfix_setup()
@@ -183,16 +196,27 @@ int cmd_postfix_setup()
         printf("unchanged: master.cf cleanup -o milter_macro_daemon_name=%s\n", MILTER_LOCAL_MARK);
     }
     printf("kept copies: %s %s\n", kept[0].c_str(), kept[1].c_str());
-    Run status = run_program("/usr/sbin/postfix", {"status"}, {}, "");
-    if (WIFEXITED(status.status) && WEXITSTATUS(status.status) == 0) {
-        Run reload = run_program("/usr/sbin/postfix", {"reload"}, {}, "");
-        printf("%s\n", WIFEXITED(reload.status) && WEXITSTATUS(reload.status) == 0
-                           ? "reloaded Postfix"
-                           : "Postfix did not reload: run postfix reload");
-    } else {
-        printf("Postfix is not running: the settings take effect when it starts\n");
-    }
+    reload_if_running();
     printf("next: keyseal-admin postfix check\n");
+    return EXIT_OK;
+}
+
+int cmd_postfix_remove()
+{
+    keyseal_milter::Config c = milter_config();
+    Socket sock = socket_for(c, same_chroot());
+    bool changed = false;
+    for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
+        std::string value;
+        for (const auto &m : list(get(name)))
+            if (m != sock.postfix && m != sock.outside) value += (value.empty() ? "" : ", ") + m;
+        if (value == get(name)) continue;
+        postconf({"-e", std::string(name) + "=" + value});
+        printf("changed: %s = %s\n", name, value.c_str());
+        changed = true;
+    }
+    if (!changed) printf("Postfix does not name keyseal-milter: nothing to change\n");
+    reload_if_running();
     return EXIT_OK;
 }
 

@@ -127,11 +127,13 @@ class CaptureHandler(socketserver.StreamRequestHandler):
 class Lab:
     """The deployment, started in the namespace enter() made."""
 
-    def __init__(self, root, milter, admin, nsd_records=""):
+    def __init__(self, root, milter, admin, capture=True):
+        """capture: the capture server as the next hop (else the caller starts one)."""
         self.root, self.milter_bin, self.admin_bin = str(root), milter, admin
         self.procs = {}
-        self.capture = Capture(os.path.join(self.root, "delivered"))
-        threading.Thread(target=self.capture.serve_forever, daemon=True).start()
+        self.capture = Capture(os.path.join(self.root, "delivered")) if capture else None
+        if capture:
+            threading.Thread(target=self.capture.serve_forever, daemon=True).start()
         self._users()
         self._syslog()
         self.nsd = harness.Nsd(os.path.join(self.root, "nsd"))
@@ -245,8 +247,9 @@ class Lab:
         for p in self.procs.values():
             p.terminate()
             p.wait(timeout=60)
-        self.capture.shutdown()
-        self.capture.server_close()
+        if self.capture is not None:
+            self.capture.shutdown()
+            self.capture.server_close()
 
 
 def wait_for(condition, what, seconds=60):

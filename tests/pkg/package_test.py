@@ -5,6 +5,7 @@ message with the installed programs, purge, and show that only the keys are left
 Run inside `unshare --mount` as root: the root is an overlay of / whose upper layer is a
 tmpfs under SCRATCH, so the host's dpkg database and /etc are never written."""
 import os
+import shutil
 import subprocess
 import sys
 
@@ -44,17 +45,39 @@ def main():
     mount("-t", "tmpfs", "tmpfs", root + "/tmp")
     subprocess.run(["cp", deb, root + "/tmp/keyseal.deb"], check=True)
 
+    # a site's Postfix, as Debian's package would configure it
+    shutil.copy(root + "/usr/share/postfix/main.cf.debian", root + "/etc/postfix/main.cf")
+    main_cf = open(root + "/etc/postfix/main.cf").read()
     chroot(root, "dpkg", "-i", "/tmp/keyseal.deb")
     spool_mode = os.stat(root + "/usr/local/hlx/handlers/spool").st_mode & 0o7777
+    main_cf_untouched = open(root + "/etc/postfix/main.cf").read() == main_cf
+    milter = chroot(root, "keyseal-milter", "--check-config").stdout
+    conffiles = chroot(root, "dpkg-query", "-W", "-f=${Conffiles}", "keyseal").stdout
+    sock = os.stat(root + "/var/spool/postfix/keyseal")
+    keyseal_uid = int(chroot(root, "id", "-u", "keyseal").stdout)
+    postfix_gid = int(chroot(root, "getent", "group", "postfix").stdout.split(b":")[2])
+    chroot(root, "keyseal-admin", "postfix", "setup")
+    set_up = chroot(root, "postconf", "-h", "smtpd_milters").stdout.strip()
     chroot(root, "keyseal-admin", "keygen", "example.com")
     key = root + "/etc/domainkeys/example.com/default"
     group = int(chroot(root, "getent", "group", "keyseal").stdout.split(b":")[2])
     signed = chroot(root, "env", "PPP_INSIDE_SENDMAIL=1", "/usr/sbin/keyseal", "", "ann@example.com",
                     "bob@example.net", stdin=MSG, check=False)
     verified = chroot(root, "python3", "-c", VERIFY, stdin=signed.stdout, check=False).returncode
+    key_mode = os.stat(key).st_mode & 0o777
+    unit = os.path.exists(root + "/lib/systemd/system/keyseal-milter.service")
     chroot(root, "dpkg", "--purge", "keyseal")
+    after = chroot(root, "postconf", "-h", "smtpd_milters", "non_smtpd_milters").stdout.split()
     steps = [("spool directory 1730", spool_mode == 0o1730),
-             ("key in the keyseal group", os.stat(key).st_gid == group),
+             ("postinst leaves Postfix's main.cf alone", main_cf_untouched),
+             ("keyseal-milter installed, default settings", b"socket unix:/var/spool/postfix/keyseal/milter.sock" in milter),
+             ("milter.conf a conffile", b"/etc/keyseal/milter.conf" in conffiles),
+             ("systemd unit", unit),
+             ("socket directory keyseal:postfix 2750",
+              (sock.st_uid, sock.st_gid, sock.st_mode & 0o7777) == (keyseal_uid, postfix_gid, 0o2750)),
+             ("postfix setup names the milter", set_up == b"unix:/keyseal/milter.sock"),
+             ("purge takes it out of Postfix", after == []),
+             ("key 0640, group keyseal", (key_mode, os.stat(key).st_gid) == (0o640, group)),
              ("installed handler signs", (signed.returncode, signed.stderr) == (0, b"PASS")),
              ("dkimpy verifies", verified == 0),
              ("package gone from dpkg", chroot(root, "dpkg-query", "-W", "keyseal", check=False).returncode != 0),
