@@ -1,6 +1,8 @@
 #include "milter/worker.h"
 
 #include "dkim/dk_engine.h"
+#include "dkim/dk_sign.h"
+#include "dkim/whitelist.h"
 #include "mailhandler/mh_handler.h"
 #include "util/halyx_log.h"
 
@@ -12,6 +14,8 @@
 #include <ctime>
 #include <fcntl.h>
 #include <map>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -29,6 +33,7 @@ namespace
 enum {
     KILL_GRACE = 5,        /* seconds between SIGTERM and SIGKILL */
     REQUEST_MAX = 1 << 20, /* one job's arguments and environment */
+    SPARES = 8,            /* children forked ahead of their messages */
 };
 
 int requests = -1; /* the milter's end of the helper's socket */
@@ -41,10 +46,10 @@ pid_t helper = -1;
  * header, "S length" and the header's bytes on PASS, and the helper, once it has reaped
  * the child, "W status timed_out".  The reader sees end of file after that.
  */
-bool send_job(const std::string &words, int fds[2])
+bool send_job(int sock, const char *words, size_t length, const int fds[2])
 {
     char control[CMSG_SPACE(2 * sizeof(int))] = {};
-    iovec iov{(void *)words.data(), words.size()};
+    iovec iov{(void *)words, length};
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
@@ -57,9 +62,43 @@ bool send_job(const std::string &words, int fds[2])
     memcpy(CMSG_DATA(c), fds, 2 * sizeof(int));
     ssize_t n;
     do
-        n = sendmsg(requests, &msg, MSG_NOSIGNAL);
+        n = sendmsg(sock, &msg, MSG_NOSIGNAL);
     while (n < 0 && errno == EINTR);
-    return n == (ssize_t)words.size();
+    return n == (ssize_t)length;
+}
+
+/* receive_job - one job from sock into buf: its length (0: the sender is gone, -1: no
+ * job in it) with the two descriptors in fd */
+ssize_t receive_job(int sock, std::vector<char> &buf, int fd[2])
+{
+    char control[CMSG_SPACE(2 * sizeof(int))] = {};
+    iovec iov{buf.data(), buf.size()};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof(control);
+    ssize_t n;
+    do
+        n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC);
+    while (n < 0 && errno == EINTR);
+    if (n <= 0) return 0;
+    cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    if (c == nullptr || c->cmsg_type != SCM_RIGHTS || c->cmsg_len != CMSG_LEN(2 * sizeof(int)))
+        return -1;
+    memcpy(fd, CMSG_DATA(c), 2 * sizeof(int));
+    return n;
+}
+
+std::vector<std::string> split_words(const std::vector<char> &buf, size_t n)
+{
+    std::vector<std::string> words;
+    for (size_t at = 0; at < n;) {
+        size_t len = strnlen(buf.data() + at, n - at);
+        words.emplace_back(buf.data() + at, len);
+        at += len + 1;
+    }
+    return words;
 }
 
 void write_all(int fd, const char *data, size_t length)
@@ -112,7 +151,33 @@ void report(void *data, int event, int number, const char *text)
     FILE *in = fdopen(message, "r");
     dk_engine_job job = {ctx.from_domain, ctx.context, in, nullptr, report, &result};
     int status = in != nullptr ? dk_engine_run(&job) : (int)DK_ENGINE_FAILED;
-    exit(status); /* exit, not _exit: the spool guard's atexit hook runs */
+    /* the engine has removed its spool file on every path, and nothing is buffered: no
+     * exit handler has work left, and OpenSSL's teardown would cost more than the rest */
+    _exit(status);
+}
+
+/* warm_up - one signature with a throwaway key: OpenSSL's configuration, providers and
+ * decoders, and libopendkim's tables, are then loaded once here and inherited by every
+ * child, instead of once per message.  Nothing of a message is involved. */
+void warm_up()
+{
+    EVP_PKEY *key = EVP_RSA_gen(1024);
+    BIO *pem = BIO_new(BIO_s_mem());
+    char *text = nullptr;
+    if (key != nullptr && pem != nullptr &&
+        PEM_write_bio_PrivateKey(pem, key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
+        BIO_write(pem, "", 1) == 1 && BIO_get_mem_data(pem, &text) > 0) {
+        static const char SAMPLE[] = "From: warm-up <w@keyseal.invalid>\n\nwarm-up\n";
+        FILE *msg = fmemopen((void *)SAMPLE, sizeof(SAMPLE) - 1, "r");
+        if (msg != nullptr) {
+            dk_result_free(keyseal("keyseal.invalid", "warm-up", text, msg));
+            fclose(msg);
+        }
+    }
+    BIO_free(pem);
+    EVP_PKEY_free(key);
+    tzset();                              /* syslog's time stamps: /etc/localtime, read once */
+    (void)dkim_whitelist_contains("::1"); /* the whitelist reader's streams and locale */
 }
 
 struct Running {
@@ -121,80 +186,142 @@ struct Running {
     bool termed = false;
 };
 
+/* A spare is a child forked ahead of its message, waiting on its own socket for exactly
+ * one job: the fork is off the message's path, and still no process serves two. */
+struct Spare {
+    pid_t pid;
+    int sock; /* the helper's end */
+};
+
+struct Helper {
+    int requests, sigfd;
+    sigset_t chld;
+    std::vector<Spare> spares;
+    std::map<pid_t, Running> running;
+    std::vector<char> buf = std::vector<char>(REQUEST_MAX);
+
+    /* in_child - what a new child must not keep of the helper: above all the result pipes
+     * of other messages, whose readers wait for every write end to close */
+    void in_child()
+    {
+        sigprocmask(SIG_UNBLOCK, &chld, nullptr);
+        close(requests);
+        close(sigfd);
+        for (const Spare &s : spares)
+            close(s.sock);
+        for (const auto &[pid, r] : running)
+            close(r.result);
+    }
+
+    void add_spare()
+    {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return;
+        pid_t pid = fork();
+        if (pid == 0) {
+            in_child();
+            close(sv[0]);
+            int fd[2];
+            ssize_t n = receive_job(sv[1], buf, fd);
+            if (n <= 0) _exit(0); /* the helper is gone, or sent no job */
+            std::vector<std::string> words = split_words(buf, (size_t)n);
+            close(sv[1]);
+            fcntl(fd[0], F_SETFD, 0);
+            child(words, fd[0], fd[1]);
+        }
+        close(sv[1]);
+        if (pid < 0)
+            close(sv[0]);
+        else
+            spares.push_back({pid, sv[0]});
+    }
+
+    /* dispatch - the job to a spare, or to a child forked for it; the child's pid or -1 */
+    pid_t dispatch(ssize_t n, int fd[2])
+    {
+        while (!spares.empty()) {
+            Spare s = spares.back();
+            spares.pop_back();
+            bool sent = send_job(s.sock, buf.data(), (size_t)n, fd);
+            close(s.sock);
+            if (sent) return s.pid;
+            kill(s.pid, SIGKILL); /* a spare that cannot take it is of no use */
+        }
+        std::vector<std::string> words = split_words(buf, (size_t)n);
+        pid_t pid = words.size() >= 3 ? fork() : -1;
+        if (pid == 0) {
+            in_child();
+            fcntl(fd[0], F_SETFD, 0);
+            child(words, fd[0], fd[1]);
+        }
+        return pid;
+    }
+
+    void reap()
+    {
+        signalfd_siginfo si;
+        while (read(sigfd, &si, sizeof(si)) > 0) {
+        }
+        int status;
+        pid_t pid;
+        while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+            auto it = running.find(pid);
+            if (it == running.end()) {
+                for (size_t i = 0; i < spares.size(); i++)
+                    if (spares[i].pid == pid)
+                        close(spares[i].sock), spares.erase(spares.begin() + (long)i);
+                continue;
+            }
+            char line[64];
+            int n = snprintf(line, sizeof(line), "W %d %d\n", status, it->second.termed);
+            write_all(it->second.result, line, (size_t)n);
+            close(it->second.result);
+            running.erase(it);
+        }
+    }
+};
+
 [[noreturn]] void helper_loop(int sock, int timeout)
 {
-    sigset_t chld;
-    sigemptyset(&chld);
-    sigaddset(&chld, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &chld, nullptr);
-    int sigfd = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
+    warm_up();
+    Helper h;
+    h.requests = sock;
+    sigemptyset(&h.chld);
+    sigaddset(&h.chld, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &h.chld, nullptr);
+    h.sigfd = signalfd(-1, &h.chld, SFD_CLOEXEC | SFD_NONBLOCK);
     signal(SIGTERM, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
-    std::map<pid_t, Running> running;
-    std::vector<char> buf(REQUEST_MAX);
     bool open = true;
-    while (open || !running.empty()) {
+    while (open || !h.running.empty()) {
+        /* spares are made while nothing waits for the helper */
+        while (open && h.spares.size() < SPARES)
+            h.add_spare();
         time_t now = time(nullptr);
-        int wait_ms = 1000;
-        for (auto &[pid, r] : running) {
+        for (auto &[pid, r] : h.running) {
             if (now >= r.deadline + (r.termed ? KILL_GRACE : 0)) {
                 kill(pid, r.termed ? SIGKILL : SIGTERM);
                 if (!r.termed) r.termed = true, r.deadline = now;
             }
         }
-        pollfd fds[2] = {{open ? sock : -1, POLLIN, 0}, {sigfd, POLLIN, 0}};
-        if (poll(fds, 2, wait_ms) < 0 && errno != EINTR) _exit(1);
-        if (fds[1].revents) {
-            signalfd_siginfo si;
-            while (read(sigfd, &si, sizeof(si)) > 0) {
-            }
-            int status;
-            pid_t pid;
-            while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-                auto it = running.find(pid);
-                if (it == running.end()) continue;
-                char line[64];
-                int n = snprintf(line, sizeof(line), "W %d %d\n", status, it->second.termed);
-                write_all(it->second.result, line, (size_t)n);
-                close(it->second.result);
-                running.erase(it);
-            }
-        }
+        pollfd fds[2] = {{open ? sock : -1, POLLIN, 0}, {h.sigfd, POLLIN, 0}};
+        if (poll(fds, 2, 1000) < 0 && errno != EINTR) _exit(1);
+        if (fds[1].revents) h.reap();
         if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-        char control[CMSG_SPACE(2 * sizeof(int))] = {};
-        iovec iov{buf.data(), buf.size()};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof(control);
-        ssize_t n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC);
-        if (n <= 0) {
-            /* the milter is gone: its children's results have no reader */
-            if (n == 0 || errno != EINTR) open = false;
-            for (auto &[pid, r] : running)
-                kill(pid, SIGTERM);
-            continue;
-        }
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        if (c == nullptr || c->cmsg_type != SCM_RIGHTS || c->cmsg_len != CMSG_LEN(2 * sizeof(int)))
-            continue;
         int fd[2];
-        memcpy(fd, CMSG_DATA(c), sizeof(fd));
-        std::vector<std::string> words;
-        for (size_t at = 0; at < (size_t)n;) {
-            size_t len = strnlen(buf.data() + at, (size_t)n - at);
-            words.emplace_back(buf.data() + at, len);
-            at += len + 1;
+        ssize_t n = receive_job(sock, h.buf, fd);
+        if (n == 0) {
+            /* the milter is gone: its children's results have no reader */
+            open = false;
+            for (auto &[pid, r] : h.running)
+                kill(pid, SIGTERM);
+            for (const Spare &s : h.spares)
+                close(s.sock); /* each spare then ends */
+            h.spares.clear();
+            continue;
         }
-        pid_t pid = words.size() >= 3 ? fork() : -1;
-        if (pid == 0) {
-            sigprocmask(SIG_UNBLOCK, &chld, nullptr);
-            close(sock);
-            close(sigfd);
-            fcntl(fd[0], F_SETFD, 0);
-            child(words, fd[0], fd[1]);
-        }
+        if (n < 0) continue;
+        pid_t pid = h.dispatch(n, fd);
         close(fd[0]);
         if (pid < 0) {
             char line[64];
@@ -203,7 +330,7 @@ struct Running {
             close(fd[1]);
             continue;
         }
-        running[pid] = Running{fd[1], time(nullptr) + timeout};
+        h.running[pid] = Running{fd[1], time(nullptr) + timeout};
     }
     _exit(0);
 }
@@ -243,7 +370,7 @@ Outcome Worker::run(const Job &job)
     if (pipe2(pipefd, O_CLOEXEC) != 0)
         throw WorkerGone(std::string("cannot make a pipe: ") + strerror(errno));
     int fds[2] = {job.message_fd, pipefd[1]};
-    bool sent = send_job(words, fds);
+    bool sent = send_job(requests, words.data(), words.size(), fds);
     close(pipefd[1]);
     if (!sent) {
         close(pipefd[0]);

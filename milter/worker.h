@@ -8,9 +8,10 @@
  * helper forks a child that takes the handler's start-up (mh_handler_prepare, syslog
  * ident "keyseal", the queue id as trace id) and runs the signing engine on the file,
  * exactly as keyseal would on its standard input.  No state survives a message: each
- * child is discarded.  A child past its time limit gets SIGTERM (it removes its spool
- * file), and SIGKILL 5 s later.  run() returns what the child did; it throws
- * WorkerGone when the helper is not there.  Nothing here ends the process, save the
+ * child is discarded.  The helper loads the libraries once (a signature with a
+ * throwaway key), so that a child starts where a warm process stands.  A child past its time limit
+ * gets SIGTERM (it removes its spool file), and SIGKILL 5 s later.  run() returns what the child
+ * did; it throws WorkerGone when the helper is not there.  Nothing here ends the process, save the
  * helper and its children, which _exit.
  */
 #ifndef KEYSEAL_MILTER_WORKER_H
