@@ -2,7 +2,6 @@
 
 #include "dkim/dk_engine.h"
 #include "dkim/dk_sign.h"
-#include "dkim/whitelist.h"
 #include "mailhandler/mh_handler.h"
 #include "util/halyx_log.h"
 
@@ -176,8 +175,7 @@ void warm_up()
     }
     BIO_free(pem);
     EVP_PKEY_free(key);
-    tzset();                              /* syslog's time stamps: /etc/localtime, read once */
-    (void)dkim_whitelist_contains("::1"); /* the whitelist reader's streams and locale */
+    tzset(); /* syslog's time stamps: /etc/localtime, read once */
 }
 
 struct Running {
