@@ -42,8 +42,9 @@ pid_t helper = -1;
  * A job travels as one datagram: the words (queue id, context, from, the recipients,
  * "", the environment) NUL-separated, with the message file and the result pipe's write
  * end attached.  The child writes its result into the pipe as lines: "C n" for a cut
- * header, "S length" and the header's bytes on PASS, and the helper, once it has reaped
- * the child, "W status timed_out".  The reader sees end of file after that.
+ * header, "S length" and the header's bytes on PASS, and last "X status", the engine's
+ * exit status.  The helper, once it has reaped the child, adds "W status timed_out":
+ * the reader's answer when the child died or was killed before its X.
  */
 bool send_job(int sock, const char *words, size_t length, const int fds[2])
 {
@@ -150,6 +151,9 @@ void report(void *data, int event, int number, const char *text)
     FILE *in = fdopen(message, "r");
     dk_engine_job job = {ctx.from_domain, ctx.context, in, nullptr, report, &result};
     int status = in != nullptr ? dk_engine_run(&job) : (int)DK_ENGINE_FAILED;
+    /* the verdict now: the milter need not wait for this process's teardown */
+    char line[32];
+    write_all(result, line, (size_t)snprintf(line, sizeof(line), "X %d\n", status));
     /* the engine has removed its spool file on every path, and nothing is buffered: no
      * exit handler has work left, and OpenSSL's teardown would cost more than the rest */
     _exit(status);
@@ -374,36 +378,44 @@ Outcome Worker::run(const Job &job)
         close(pipefd[0]);
         throw WorkerGone(std::string("the helper does not take work: ") + strerror(errno));
     }
-    /* read to end of file: the helper closes its copy after the child's status */
+    /* records until the child's own status (X) or, should it not get that far, the
+     * helper's (W, after reaping it); end of file with neither: the helper is gone */
     std::string got;
+    Outcome out;
+    bool done = false;
+    size_t at = 0;
     char buf[8192];
-    for (;;) {
+    while (!done) {
         ssize_t n = read(pipefd[0], buf, sizeof(buf));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got.append(buf, (size_t)n);
-    }
-    close(pipefd[0]);
-    Outcome out;
-    for (size_t at = 0; at < got.size();) {
-        size_t eol = got.find('\n', at);
-        if (eol == std::string::npos) break;
-        std::string line = got.substr(at, eol - at);
-        at = eol + 1;
-        if (line[0] == 'C') {
-            out.removed.push_back(atoi(line.c_str() + 2));
-        } else if (line[0] == 'S') {
-            size_t len = strtoul(line.c_str() + 2, nullptr, 10);
-            out.signature = got.substr(at, len);
-            at += len;
-        } else if (line[0] == 'W') {
-            int timed = 0;
-            sscanf(line.c_str() + 2, "%d %d", &out.wait_status, &timed);
-            out.timed_out = timed != 0;
+        for (size_t eol; !done && (eol = got.find('\n', at)) != std::string::npos;) {
+            std::string line = got.substr(at, eol - at);
+            if (line[0] == 'S') {
+                size_t len = strtoul(line.c_str() + 2, nullptr, 10);
+                if (got.size() < eol + 1 + len) break; /* the header's bytes are still coming */
+                out.signature = got.substr(eol + 1, len);
+                at = eol + 1 + len;
+                continue;
+            }
+            at = eol + 1;
+            if (line[0] == 'C') {
+                out.removed.push_back(atoi(line.c_str() + 2));
+            } else if (line[0] == 'X') {
+                int status = atoi(line.c_str() + 2);
+                out.wait_status = (status & 0xff) << 8; /* as waitpid() reports an exit */
+                done = true;
+            } else if (line[0] == 'W') {
+                int timed = 0;
+                sscanf(line.c_str() + 2, "%d %d", &out.wait_status, &timed);
+                out.timed_out = timed != 0;
+                done = true;
+            }
         }
     }
-    if (out.wait_status == -1 && got.find("W ") == std::string::npos)
-        throw WorkerGone("the helper ended before the handler's result came back");
+    close(pipefd[0]);
+    if (!done) throw WorkerGone("the helper ended before the handler's result came back");
     return out;
 }
 
