@@ -76,6 +76,13 @@ std::string macro(SMFICTX *ctx, const char *name)
     return v != nullptr ? v : "";
 }
 
+/* address - an envelope address without the angle brackets the milter protocol keeps */
+std::string address(const char *arg)
+{
+    std::string a = arg != nullptr ? arg : "";
+    return a.size() >= 2 && a.front() == '<' && a.back() == '>' ? a.substr(1, a.size() - 2) : a;
+}
+
 /* message_file - a nameless temporary file: nothing is left behind, however we end */
 int message_file()
 {
@@ -139,9 +146,7 @@ sfsistat on_envfrom(SMFICTX *ctx, char **argv)
     Session *s = session(ctx);
     if (s == nullptr) return SMFIS_TEMPFAIL;
     s->reset_message();
-    std::string from = argv[0] != nullptr ? argv[0] : "";
-    if (from.size() >= 2 && from.front() == '<' && from.back() == '>')
-        from = from.substr(1, from.size() - 2);
+    std::string from = address(argv[0]);
     s->sender = from;
     s->auth = macro(ctx, "{auth_authen}");
     s->queue_id = macro(ctx, "i");
@@ -155,10 +160,7 @@ sfsistat on_envfrom(SMFICTX *ctx, char **argv)
 sfsistat on_envrcpt(SMFICTX *ctx, char **argv)
 {
     Session *s = session(ctx);
-    std::string rcpt = argv[0] != nullptr ? argv[0] : "";
-    if (rcpt.size() >= 2 && rcpt.front() == '<' && rcpt.back() == '>')
-        rcpt = rcpt.substr(1, rcpt.size() - 2);
-    if (s != nullptr) s->rcpts.push_back(rcpt);
+    if (s != nullptr) s->rcpts.push_back(address(argv[0]));
     return SMFIS_CONTINUE;
 }
 
