@@ -200,12 +200,16 @@ class Lab:
         os.makedirs(QUEUE + "/keyseal", exist_ok=True)
         shutil.chown(QUEUE + "/keyseal", "keyseal", "postfix")
         os.chmod(QUEUE + "/keyseal", 0o2750)
-        env = {k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")}
         # a sanitizer build keeps freed memory in quarantine: a small one keeps the memory
         # figures of the milter comparable (ignored by a normal build)
-        env["ASAN_OPTIONS"] = "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"
+        env = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"}
+        # installed where the keyseal user can run it, whatever the build tree's permissions
+        binary = "/usr/local/sbin/keyseal-milter"
+        if not os.path.exists(binary):
+            os.makedirs("/usr/local/sbin", exist_ok=True)
+            shutil.copy(self.milter_bin, binary)
         self.procs["milter"] = subprocess.Popen(
-            ["setpriv", "--reuid=keyseal", "--regid=keyseal", "--init-groups", self.milter_bin, "-f"],
+            ["setpriv", "--reuid=keyseal", "--regid=keyseal", "--init-groups", binary, "-f"],
             env=env)
         milter = self.procs["milter"]
         wait_for(lambda: os.path.exists(QUEUE + "/keyseal/milter.sock") or milter.poll() is not None,
