@@ -29,8 +29,8 @@ def lab(tmp_path_factory):
         lab.nsd.serve("example.com", lab.admin("dns", "example.com").stdout)
         lab.add_sasl_user("ann", "secret")
         lab.admin("postfix", "setup")
+        lab.start_milter()  # first, as the service's unit orders it: Postfix never misses it
         lab.start_postfix()
-        lab.start_milter()
         yield lab
     finally:
         lab.close()

@@ -14,6 +14,7 @@ from sandbox import postfix_lab
 
 OWN = b"DKIM-Signature: v=1; a=rsa-sha256; d=example.com; s=old; b=AAAA\r\n"
 FOREIGN = b"DKIM-Signature: v=1; a=rsa-sha256; d=other.org; s=x;\r\n\tb=CCCC\r\n"
+LOWER = b"dkim-signature: v=1; a=rsa-sha256; d=other.org; s=low; b=DDDD\r\n"
 
 
 def message(n, extra=b"", sender=b"ann@example.com", body=b"body line\r\n"):
@@ -65,6 +66,8 @@ def signatures(data):
     ("not whitelisted", smtp, {"source": "10.0.0.6"}, b"", False,
      "Not sendmail, not authorized, TCPREMOTEIP=10.0.0.6 not whitelisted - not signing"),
     ("old and foreign signatures", sendmail, {}, OWN + FOREIGN, True, "-> signing"),
+    # the milter numbers signatures without regard to case, as Postfix's header index does
+    ("lower-case foreign, then old", sendmail, {}, LOWER + b"X-A: 1\r\n" + OWN, True, "-> signing"),
     ("8-bit body", smtp, {"login": ("ann@example.com", "secret")}, b"", True, "-> signing"),
 ])
 def test_policy_decides_and_the_milter_applies(lab, case, send, kw, extra, signed, log):
@@ -81,6 +84,7 @@ def test_policy_decides_and_the_milter_applies(lab, case, send, kw, extra, signe
         assert verifies(got), got[:600]
         # the same domain's old signature went; another domain's stayed
         assert [s for s in sigs if b"s=old" in s] == [] and len(sigs) == 1 + (FOREIGN in sent)
+        assert (LOWER in got) == (LOWER in sent)
     else:
         assert sigs == []
     log = lab.log(until=rf"keyseal\[\d+\]: {qid}: .*{re.escape(log)}")
