@@ -127,6 +127,29 @@ bool same_chroot()
     return smtpd;
 }
 
+/* milter_list - a milter list with ours in it (or taken out), the site's own milters kept
+ * in their order and a copy seen from outside the chroot dropped; the old value itself
+ * when nothing changes, so that it is not rewritten */
+std::string milter_list(const std::string &old, const Socket &sock, bool ours)
+{
+    std::string value;
+    bool changed = false, present = false;
+    for (const auto &m : list(old)) {
+        bool mine = m == sock.postfix || m == sock.outside;
+        if (mine && (!ours || m != sock.postfix || present)) {
+            changed = true;
+            continue;
+        }
+        present |= mine;
+        value += (value.empty() ? "" : ", ") + m;
+    }
+    if (ours && !present) {
+        value += (value.empty() ? "" : ", ") + sock.postfix;
+        changed = true;
+    }
+    return changed ? value : old;
+}
+
 void reload_if_running()
 {
     Run status = run_program("/usr/sbin/postfix", {"status"}, {}, "");
@@ -162,8 +185,7 @@ int cmd_postfix_setup()
         kept.push_back(to);
     }
 
-    auto change = [](const std::string &name, const std::string &value) {
-        std::string old = get(name);
+    auto change = [](const std::string &name, const std::string &old, const std::string &value) {
         if (old == value) {
             printf("unchanged: %s = %s\n", name.c_str(), value.c_str());
             return;
@@ -173,19 +195,11 @@ int cmd_postfix_setup()
                old.empty() ? "empty" : old.c_str());
     };
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
-        /* the site's own milters stay, in their order; a copy seen from outside the chroot goes */
-        std::string value;
-        bool present = false;
-        for (const auto &m : list(get(name))) {
-            if (m == sock.outside && m != sock.postfix) continue;
-            present |= m == sock.postfix;
-            value += (value.empty() ? "" : ", ") + m;
-        }
-        if (!present) value += (value.empty() ? "" : ", ") + sock.postfix;
-        change(name, value);
+        std::string old = get(name);
+        change(name, old, milter_list(old, sock, true));
     }
-    change("milter_default_action", c.strict ? "tempfail" : "accept");
-    change("disable_mime_output_conversion", "yes");
+    change("milter_default_action", get("milter_default_action"), c.strict ? "tempfail" : "accept");
+    change("disable_mime_output_conversion", get("disable_mime_output_conversion"), "yes");
     std::string mark = postconf({"-Ph", CLEANUP_MARK});
     if (mark != MILTER_LOCAL_MARK) {
         postconf({"-P", std::string(CLEANUP_MARK) + "=" + MILTER_LOCAL_MARK});
@@ -207,10 +221,8 @@ int cmd_postfix_remove()
     Socket sock = socket_for(c, same_chroot());
     bool changed = false;
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
-        std::string value;
-        for (const auto &m : list(get(name)))
-            if (m != sock.postfix && m != sock.outside) value += (value.empty() ? "" : ", ") + m;
-        if (value == get(name)) continue;
+        std::string old = get(name), value = milter_list(old, sock, false);
+        if (value == old) continue;
         postconf({"-e", std::string(name) + "=" + value});
         printf("changed: %s = %s\n", name, value.c_str());
         changed = true;

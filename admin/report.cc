@@ -221,8 +221,7 @@ void Tally::add(const Line &line)
     run.last = line.when;
     if (decision) {
         run.decision = (int)c.kind;
-        /* the handler writes "NULL" for an unset TCPREMOTEIP */
-        if (c.kind == Kind::NotSigning) run.client = c.value, run.client_set = c.value != "NULL";
+        if (c.kind == Kind::NotSigning) run.client = c.value;
     } else if (rank(c.kind) < run.reason_rank) {
         run.reason_rank = rank(c.kind);
         run.reason = c.kind == Kind::NoKey ? "cannot get sender domain key" : c.value;
@@ -257,7 +256,7 @@ void Tally::close(const Run &run)
     hour.hour = run.first - run.first % 3600;
     if (run.decision == (int)Kind::NotSigning && run.reason.empty()) {
         sum_.skipped++, hour.skipped++;
-        if (run.client_set)
+        if (run.client != "NULL") /* the handler's word for an unset TCPREMOTEIP */
             clients_[run.client]++;
         else
             sum_.without_address++;

@@ -87,7 +87,7 @@ class Tally
         std::string trace;
         int decision = -1; /* a Kind of decision, or -1 */
         std::string client, reason, no_key;
-        bool client_set = false, bounce = false;
+        bool bounce = false;
         int reason_rank = 99;
     };
     void close(const Run &run);

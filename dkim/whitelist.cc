@@ -27,7 +27,7 @@ int writeLines(FILE *old, FILE *out, void *data)
 
 } // namespace
 
-Whitelist::Whitelist() : Whitelist(std::filesystem::path(DK_KEYS_DIR) / DK_WHITELIST_NAME) {}
+Whitelist::Whitelist() : Whitelist(std::filesystem::path(DK_WHITELIST_PATH)) {}
 
 Whitelist::Whitelist(const std::filesystem::path &path) : path(path)
 {

@@ -13,8 +13,7 @@
 extern "C" {
 #endif
 
-#define DK_WHITELIST_NAME "whitelist"
-#define DK_WHITELIST_PATH DK_KEYS_DIR "/" DK_WHITELIST_NAME
+#define DK_WHITELIST_PATH DK_KEYS_DIR "/whitelist"
 
 bool dkim_whitelist_contains(const char *ip);
 
