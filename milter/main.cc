@@ -3,7 +3,7 @@
  * the keyseal handler's own code.
  *
  * Per message it hands the message, spooled to a file, to the handler's signing engine
- * in a fresh child (milter/worker.h) with the handler's arguments and environment taken
+ * in a worker process (milter/worker.h) with the handler's arguments and environment taken
  * from the session: PPP_INSIDE_SENDMAIL=1 for mail submitted on the server itself
  * (Postfix's cleanup presents it with {daemon_name} set to the local mark),
  * SMTP_AUTHORIZED from {auth_authen}, TCPREMOTEIP from the SMTP client's address.  The
@@ -34,6 +34,7 @@
 #include <memory>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -46,23 +47,41 @@ namespace
 
 Config config;
 
+/* Stages whose answer is always "continue" until the end of the message: the server is
+ * told not to wait for it, and stages the milter has no use for are not sent at all.
+ * Each answer saved is a round trip between the server's process and a milter thread. */
+constexpr unsigned long NO_REPLY =
+    SMFIP_NR_CONN | SMFIP_NR_MAIL | SMFIP_NR_RCPT | SMFIP_NR_HDR | SMFIP_NR_EOH | SMFIP_NR_BODY;
+constexpr unsigned long NOT_SENT = SMFIP_NOHELO | SMFIP_NOUNKNOWN | SMFIP_NODATA;
+
 struct Session {
-    std::string client; /* the SMTP client's address, "" when unknown */
-    bool local = false; /* {daemon_name} at connect was the local mark */
+    unsigned long no_reply = 0; /* the NO_REPLY stages this server agreed to */
+    std::string client;         /* the SMTP client's address, "" when unknown */
+    bool local = false;         /* {daemon_name} at connect was the local mark */
     /* the message in progress */
     std::string sender, auth, queue_id;
     std::vector<std::string> rcpts;
-    int fd = -1; /* the message file */
-    bool write_failed = false;
+    int fd = -1;            /* the message file */
+    bool in_memory = false; /* fd is a memory file, still under IN_MEMORY_MAX */
+    size_t size = 0;
+    int write_errno = 0; /* not 0: the message could not be kept, for this reason */
 
     void reset_message()
     {
         if (fd >= 0) close(fd);
         fd = -1;
-        write_failed = false;
+        in_memory = false;
+        size = 0;
+        write_errno = 0;
         sender.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
     }
     ~Session() { reset_message(); }
+
+    /* go - "continue" for a stage, without an answer where the server agreed to that */
+    sfsistat go(unsigned long stage) const
+    {
+        return no_reply & stage ? SMFIS_NOREPLY : SMFIS_CONTINUE;
+    }
 };
 
 Session *session(SMFICTX *ctx)
@@ -83,8 +102,13 @@ std::string address(const char *arg)
     return a.size() >= 2 && a.front() == '<' && a.back() == '>' ? a.substr(1, a.size() - 2) : a;
 }
 
-/* message_file - a nameless temporary file: nothing is left behind, however we end */
-int message_file()
+/* A message starts in a memory file: most mail is small, and a file system's inode for
+ * each message costs more than the signature.  One that outgrows this moves to disk, so
+ * that a large message costs no more memory than this. */
+constexpr size_t IN_MEMORY_MAX = 64 * 1024;
+
+/* disk_file - a nameless temporary file: nothing is left behind, however we end */
+int disk_file()
 {
     const char *dir = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp";
     int fd = open(dir, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
@@ -95,17 +119,49 @@ int message_file()
     return fd;
 }
 
-void append(Session *s, const char *data, size_t length)
+/* write_all - 0, or the errno of the failed write */
+int write_all(int fd, const char *data, size_t length)
 {
-    while (!s->write_failed && length > 0) {
-        ssize_t n = write(s->fd, data, length);
+    while (length > 0) {
+        ssize_t n = write(fd, data, length);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            s->write_failed = true;
-            return;
-        }
+        if (n <= 0) return n < 0 ? errno : ENOSPC;
         data += n, length -= (size_t)n;
     }
+    return 0;
+}
+
+/* to_disk - the memory file's bytes into a disk file that takes its place; 0 or an errno */
+int to_disk(Session *s)
+{
+    int disk = disk_file();
+    if (disk < 0) return errno;
+    char buf[16384];
+    int err = 0;
+    for (off_t at = 0; err == 0 && at < (off_t)s->size;) {
+        ssize_t n = pread(s->fd, buf, sizeof(buf), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0)
+            err = n < 0 ? errno : EIO;
+        else
+            err = write_all(disk, buf, (size_t)n), at += n;
+    }
+    if (err != 0) {
+        close(disk);
+        return err;
+    }
+    close(s->fd);
+    s->fd = disk;
+    s->in_memory = false;
+    return 0;
+}
+
+void append(Session *s, const char *data, size_t length)
+{
+    if (s->write_errno != 0) return;
+    if (s->in_memory && s->size + length > IN_MEMORY_MAX) s->write_errno = to_disk(s);
+    if (s->write_errno == 0) s->write_errno = write_all(s->fd, data, length);
+    s->size += length;
 }
 
 sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned long,
@@ -115,8 +171,16 @@ sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned
     *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS);
     /* header values exactly as they stand, leading space included: the handler signs
      * what the receiver will see */
-    *pf1 = f1 & (SMFIP_HDR_LEADSPC | SMFIP_SKIP);
+    *pf1 = f1 & (SMFIP_HDR_LEADSPC | SMFIP_SKIP | NOT_SENT);
     *pf2 = *pf3 = 0;
+    /* the session is made here, so that it knows which answers the server waits for; without
+     * one, every stage answers and a message the milter cannot follow is refused at its end */
+    auto *s = new (std::nothrow) Session;
+    if (s != nullptr) {
+        s->no_reply = f1 & NO_REPLY;
+        *pf1 |= s->no_reply;
+        smfi_setpriv(ctx, s);
+    }
     /* the macros the policy needs, whatever the site set in its *_macros parameters */
     smfi_setsymlist(ctx, SMFIM_CONNECT, (char *)"{daemon_name}");
     smfi_setsymlist(ctx, SMFIM_ENVFROM, (char *)"i {auth_authen}");
@@ -126,7 +190,7 @@ sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned
 
 sfsistat on_connect(SMFICTX *ctx, char *, _SOCK_ADDR *addr)
 {
-    auto *s = new (std::nothrow) Session;
+    Session *s = session(ctx);
     if (s == nullptr) return SMFIS_TEMPFAIL;
     /* {daemon_name} is read here: later stages may carry cleanup's value instead */
     s->local = macro(ctx, "{daemon_name}") == MILTER_LOCAL_MARK;
@@ -137,8 +201,7 @@ sfsistat on_connect(SMFICTX *ctx, char *, _SOCK_ADDR *addr)
     else if (addr != nullptr && addr->sa_family == AF_INET6)
         inet_ntop(AF_INET6, &((sockaddr_in6 *)addr)->sin6_addr, text, sizeof(text));
     s->client = text;
-    smfi_setpriv(ctx, s);
-    return SMFIS_CONTINUE;
+    return s->go(SMFIP_NR_CONN);
 }
 
 sfsistat on_envfrom(SMFICTX *ctx, char **argv)
@@ -151,23 +214,27 @@ sfsistat on_envfrom(SMFICTX *ctx, char **argv)
     s->auth = macro(ctx, "{auth_authen}");
     s->queue_id = macro(ctx, "i");
     if (!from.empty()) {
-        s->fd = message_file();
-        if (s->fd < 0) s->write_failed = true;
+        s->fd = memfd_create("keyseal-milter message", MFD_CLOEXEC);
+        s->in_memory = s->fd >= 0;
+        if (s->fd < 0) s->fd = disk_file();
+        if (s->fd < 0) s->write_errno = errno;
     }
-    return SMFIS_CONTINUE;
+    return s->go(SMFIP_NR_MAIL);
 }
 
 sfsistat on_envrcpt(SMFICTX *ctx, char **argv)
 {
     Session *s = session(ctx);
-    if (s != nullptr) s->rcpts.push_back(address(argv[0]));
-    return SMFIS_CONTINUE;
+    if (s == nullptr) return SMFIS_CONTINUE;
+    s->rcpts.push_back(address(argv[0]));
+    return s->go(SMFIP_NR_RCPT);
 }
 
 sfsistat on_header(SMFICTX *ctx, char *name, char *value)
 {
     Session *s = session(ctx);
-    if (s == nullptr || s->fd < 0) return SMFIS_CONTINUE;
+    if (s == nullptr) return SMFIS_CONTINUE;
+    if (s->fd < 0) return s->go(SMFIP_NR_HDR);
     /* folded values come with bare LF line breaks; the message is CR LF throughout */
     std::string line = std::string(name) + ":";
     for (const char *p = value; *p != '\0'; p++) {
@@ -176,21 +243,23 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     }
     line += "\r\n";
     append(s, line.data(), line.size());
-    return SMFIS_CONTINUE;
+    return s->go(SMFIP_NR_HDR);
 }
 
 sfsistat on_eoh(SMFICTX *ctx)
 {
     Session *s = session(ctx);
-    if (s != nullptr && s->fd >= 0) append(s, "\r\n", 2);
-    return SMFIS_CONTINUE;
+    if (s == nullptr) return SMFIS_CONTINUE;
+    if (s->fd >= 0) append(s, "\r\n", 2);
+    return s->go(SMFIP_NR_EOH);
 }
 
 sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
 {
     Session *s = session(ctx);
-    if (s != nullptr && s->fd >= 0) append(s, (const char *)chunk, length);
-    return SMFIS_CONTINUE;
+    if (s == nullptr) return SMFIS_CONTINUE;
+    if (s->fd >= 0) append(s, (const char *)chunk, length);
+    return s->go(SMFIP_NR_BODY);
 }
 
 /* describe - why a handler run gave no signature, for the log */
@@ -250,9 +319,9 @@ sfsistat on_eom(SMFICTX *ctx)
         s->reset_message();
         return SMFIS_CONTINUE;
     }
-    if (s->write_failed) {
+    if (s->write_errno != 0) {
         std::string why =
-            std::string("cannot spool the message for the handler: ") + strerror(errno);
+            std::string("cannot spool the message for the handler: ") + strerror(s->write_errno);
         s->reset_message();
         return not_signed(ctx, id, why);
     }
@@ -388,7 +457,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "keyseal-milter: cannot become a daemon: %s\n", strerror(errno));
         return 1;
     }
-    /* before libmilter's threads: the helper forks every per-message child */
+    /* before libmilter's threads: the helper forks every worker */
     fflush(nullptr);
     try {
         Worker::start(config.timeout);
