@@ -203,10 +203,11 @@ void Tally::add(const Line &line)
     Classified c = classify(line.text);
     bool decision = c.kind <= Kind::NotSigning;
     auto it = open_.find(line.pid);
-    /* a usage error, a second decision or a pause means the pid belongs to a new run */
-    bool new_run =
-        it != open_.end() && (c.kind == Kind::Usage || (decision && it->second.decision >= 0) ||
-                              line.when - it->second.last > RUN_PAUSE);
+    /* a usage error, a second decision, another trace id or a pause means the pid belongs to
+     * a new run: keyseal-milter's workers log one message after another under one pid */
+    bool new_run = it != open_.end() &&
+                   (c.kind == Kind::Usage || (decision && it->second.decision >= 0) ||
+                    line.trace != it->second.trace || line.when - it->second.last > RUN_PAUSE);
     if (new_run) {
         close(it->second);
         open_.erase(it);

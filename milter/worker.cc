@@ -12,7 +12,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <map>
+#include <algorithm>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <poll.h>
@@ -32,7 +33,9 @@ namespace
 enum {
     KILL_GRACE = 5,        /* seconds between SIGTERM and SIGKILL */
     REQUEST_MAX = 1 << 20, /* one job's arguments and environment */
-    SPARES = 8,            /* children forked ahead of their messages */
+    SPARES = 4,            /* idle workers kept ready, forked while nothing waits */
+    IDLE_MAX = 16,         /* more idle than this after a burst, and one is let go */
+    MAX_USE = 100,         /* messages a worker serves before it ends */
 };
 
 int requests = -1; /* the milter's end of the helper's socket */
@@ -41,10 +44,10 @@ pid_t helper = -1;
 /*
  * A job travels as one datagram: the words (queue id, context, from, the recipients,
  * "", the environment) NUL-separated, with the message file and the result pipe's write
- * end attached.  The child writes its result into the pipe as lines: "C n" for a cut
+ * end attached.  The worker writes its result into the pipe as lines: "C n" for a cut
  * header, "S length" and the header's bytes on PASS, and last "X status", the engine's
- * exit status.  The helper, once it has reaped the child, adds "W status timed_out":
- * the reader's answer when the child died or was killed before its X.
+ * exit status.  The helper, once it has reaped a worker that died on a job, adds
+ * "W status timed_out": the reader's answer when there was no X.
  */
 bool send_job(int sock, const char *words, size_t length, const int fds[2])
 {
@@ -111,7 +114,7 @@ void write_all(int fd, const char *data, size_t length)
     }
 }
 
-/* report - the engine's observer in the child: what the milter must apply */
+/* report - the engine's observer in the worker: what the milter must apply */
 void report(void *data, int event, int number, const char *text)
 {
     int fd = *(int *)data;
@@ -126,11 +129,15 @@ void report(void *data, int event, int number, const char *text)
     }
 }
 
-/* child - the handler for one message: its start-up, then the engine on the file */
-[[noreturn]] void child(std::vector<std::string> &words, int message, int result)
+/* serve - the handler for one message: its start-up, then the engine on the file.  Every
+ * piece of the handler's state is set afresh here (environment, log identity and trace
+ * id, OpenSSL's error queue); the engine keeps none between calls.  Closes both files. */
+int serve(std::vector<std::string> &words, int message, int result)
 {
-    /* words: queue id, context, from, recipients..., "", environment... */
+    /* words: queue id, context, from, recipients..., "", environment..., and last the
+     * trace id's variable, added by the worker: putenv keeps pointers into them */
     clearenv();
+    ERR_clear_error();
     size_t i = 3;
     std::vector<char *> argv{(char *)"keyseal", words[1].data(), words[2].data()};
     for (; i < words.size() && !words[i].empty(); i++)
@@ -138,30 +145,47 @@ void report(void *data, int event, int number, const char *text)
     argv.push_back(nullptr);
     for (i++; i < words.size(); i++)
         putenv(words[i].data());
-    setenv("HALYX_LOG_TRACE_ID", words[0].c_str(), 1);
-    /* the handler's lines, under the handler's name: keyseal-admin report counts them */
-    program_invocation_short_name = (char *)"keyseal";
 
+    int status = DK_ENGINE_FAILED;
     mh_handler_context ctx;
+    FILE *in = nullptr;
     if (mh_handler_prepare(&ctx, (int)argv.size() - 1, argv.data()) != 0) {
         halyx_log(LOG_ERR, DK_LOG_INIT_FAILED);
-        _exit(DK_ENGINE_FAILED);
+    } else if (lseek(message, 0, SEEK_SET) == 0 && (in = fdopen(message, "r")) != nullptr) {
+        dk_engine_job job = {ctx.from_domain, ctx.context, in, nullptr, report, &result};
+        status = dk_engine_run(&job);
     }
-    lseek(message, 0, SEEK_SET);
-    FILE *in = fdopen(message, "r");
-    dk_engine_job job = {ctx.from_domain, ctx.context, in, nullptr, report, &result};
-    int status = in != nullptr ? dk_engine_run(&job) : (int)DK_ENGINE_FAILED;
-    /* the verdict now: the milter need not wait for this process's teardown */
     char line[32];
     write_all(result, line, (size_t)snprintf(line, sizeof(line), "X %d\n", status));
-    /* the engine has removed its spool file on every path, and nothing is buffered: no
-     * exit handler has work left, and OpenSSL's teardown would cost more than the rest */
-    _exit(status);
+    in != nullptr ? fclose(in) : close(message);
+    close(result);
+    clearenv(); /* before the words it points into go */
+    return status;
+}
+
+/* worker_loop - a worker's life: jobs one at a time from the helper, each answered with
+ * one byte once its result is written, up to MAX_USE; the helper gone, it ends */
+[[noreturn]] void worker_loop(int sock, std::vector<char> &buf)
+{
+    /* the handler's lines, under the handler's name: keyseal-admin report counts them */
+    program_invocation_short_name = (char *)"keyseal";
+    for (int served = 0; served < MAX_USE; served++) {
+        int fd[2];
+        ssize_t n = receive_job(sock, buf, fd);
+        if (n <= 0) _exit(0); /* the helper is gone, or sent no job */
+        std::vector<std::string> words = split_words(buf, (size_t)n);
+        words.push_back("HALYX_LOG_TRACE_ID=" + words[0]);
+        serve(words, fd[0], fd[1]);
+        if (send(sock, served + 1 < MAX_USE ? "D" : "E", 1, MSG_NOSIGNAL) != 1) _exit(0);
+    }
+    /* nothing is buffered and no spool file is left: no exit handler has work to do, and
+     * OpenSSL's teardown would cost more than the rest */
+    _exit(0);
 }
 
 /* warm_up - one signature with a throwaway key: OpenSSL's configuration, providers and
  * decoders, and libopendkim's tables, are then loaded once here and inherited by every
- * child, instead of once per message.  Nothing of a message is involved. */
+ * worker, instead of once per message.  Nothing of a message is involved. */
 void warm_up()
 {
     EVP_PKEY *key = EVP_RSA_gen(1024);
@@ -182,81 +206,124 @@ void warm_up()
     tzset(); /* syslog's time stamps: /etc/localtime, read once */
 }
 
-struct Running {
-    int result;      /* the helper's copy of the result pipe */
-    time_t deadline; /* SIGTERM then; SIGKILL KILL_GRACE later */
-    bool termed = false;
-};
-
-/* A spare is a child forked ahead of its message, waiting on its own socket for exactly
- * one job: the fork is off the message's path, and still no process serves two. */
-struct Spare {
+/* A worker is forked by the helper and serves one message at a time.  Busy, the helper
+ * keeps its own copy of the job's result pipe: should the worker die before its X, the
+ * helper's W still reaches the reader. */
+struct Process {
     pid_t pid;
-    int sock; /* the helper's end */
+    int sock;            /* the helper's end of the worker's socket */
+    int result = -1;     /* busy: the job's result pipe; idle: -1 */
+    time_t deadline = 0; /* SIGTERM then; SIGKILL KILL_GRACE later */
+    bool termed = false;
+    bool hung_up = false; /* its end is closed: it is ending, to be reaped */
 };
 
 struct Helper {
     int requests, sigfd;
     sigset_t chld;
-    std::vector<Spare> spares;
-    std::map<pid_t, Running> running;
+    std::vector<Process> workers; /* the idle ones last used at the back */
     std::vector<char> buf = std::vector<char>(REQUEST_MAX);
 
-    /* in_child - what a new child must not keep of the helper: above all the result pipes
+    size_t idle() const
+    {
+        return (size_t)std::count_if(workers.begin(), workers.end(),
+                                     [](const Process &w) { return w.result < 0; });
+    }
+
+    /* in_child - what a new worker must not keep of the helper: above all the result pipes
      * of other messages, whose readers wait for every write end to close */
     void in_child()
     {
         sigprocmask(SIG_UNBLOCK, &chld, nullptr);
         close(requests);
         close(sigfd);
-        for (const Spare &s : spares)
-            close(s.sock);
-        for (const auto &[pid, r] : running)
-            close(r.result);
+        for (const Process &w : workers) {
+            close(w.sock);
+            if (w.result >= 0) close(w.result);
+        }
     }
 
-    void add_spare()
+    /* start_worker - a new idle worker at the back; false if none could be made */
+    bool start_worker()
     {
         int sv[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return;
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return false;
         pid_t pid = fork();
         if (pid == 0) {
             in_child();
             close(sv[0]);
-            int fd[2];
-            ssize_t n = receive_job(sv[1], buf, fd);
-            if (n <= 0) _exit(0); /* the helper is gone, or sent no job */
-            std::vector<std::string> words = split_words(buf, (size_t)n);
-            close(sv[1]);
-            fcntl(fd[0], F_SETFD, 0);
-            child(words, fd[0], fd[1]);
+            worker_loop(sv[1], buf);
         }
         close(sv[1]);
-        if (pid < 0)
+        if (pid < 0) {
             close(sv[0]);
-        else
-            spares.push_back({pid, sv[0]});
+            return false;
+        }
+        workers.push_back({pid, sv[0]});
+        return true;
     }
 
-    /* dispatch - the job to a spare, or to a child forked for it; the child's pid or -1 */
-    pid_t dispatch(ssize_t n, int fd[2])
+    /* retire - a worker is let go: it ends when it reads the closed socket */
+    void retire(size_t i)
     {
-        while (!spares.empty()) {
-            Spare s = spares.back();
-            spares.pop_back();
-            bool sent = send_job(s.sock, buf.data(), (size_t)n, fd);
-            close(s.sock);
-            if (sent) return s.pid;
-            kill(s.pid, SIGKILL); /* a spare that cannot take it is of no use */
+        close(workers[i].sock);
+        if (workers[i].result >= 0) close(workers[i].result);
+        workers.erase(workers.begin() + (long)i);
+    }
+
+    /* dispatch - the job to the idle worker used last (its pages are the warmest), or to a
+     * new one; the worker's pid, or -1 */
+    pid_t dispatch(ssize_t n, int fd[2], int timeout)
+    {
+        for (size_t tries = 0; tries <= workers.size(); tries++) {
+            auto w = std::find_if(workers.rbegin(), workers.rend(),
+                                  [](const Process &p) { return p.result < 0; });
+            if (w == workers.rend()) {
+                if (!start_worker()) return -1;
+                w = workers.rbegin();
+            }
+            if (send_job(w->sock, buf.data(), (size_t)n, fd)) {
+                w->result = fd[1];
+                w->deadline = time(nullptr) + timeout;
+                w->termed = false;
+                /* busy ones ahead of the idle: the back stays the warmest idle one */
+                Process taken = *w;
+                workers.erase(std::next(w).base());
+                workers.insert(workers.begin(), taken);
+                return taken.pid;
+            }
+            kill(w->pid, SIGKILL); /* a worker that cannot take it is of no use */
+            retire((size_t)(std::next(w).base() - workers.begin()));
         }
-        std::vector<std::string> words = split_words(buf, (size_t)n);
-        pid_t pid = words.size() >= 3 ? fork() : -1;
-        if (pid == 0) {
-            in_child();
-            fcntl(fd[0], F_SETFD, 0);
-            child(words, fd[0], fd[1]);
+        return -1;
+    }
+
+    /* answered - what a busy worker said on its socket: "D" its job is done, the result
+     * pipe the reader's alone now; "E" the same, and it ends (MAX_USE).  Its end closed,
+     * it died: the reaping tells the reader. */
+    void answered(pid_t pid)
+    {
+        auto w = std::find_if(workers.begin(), workers.end(),
+                              [pid](const Process &p) { return p.pid == pid; });
+        if (w == workers.end() || w->result < 0) return;
+        char c;
+        ssize_t n = recv(w->sock, &c, 1, MSG_DONTWAIT);
+        if (n < 0) return;
+        if (n == 0) {
+            w->hung_up = true;
+            return;
         }
-        return pid;
+        size_t i = (size_t)(w - workers.begin());
+        if (c != 'D') {
+            retire(i);
+            return;
+        }
+        close(w->result);
+        w->result = -1;
+        Process done = *w;
+        workers.erase(w);
+        workers.push_back(done);
+        if (idle() > IDLE_MAX) retire(workers.size() - 1 - IDLE_MAX);
     }
 
     void reap()
@@ -267,18 +334,15 @@ struct Helper {
         int status;
         pid_t pid;
         while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-            auto it = running.find(pid);
-            if (it == running.end()) {
-                for (size_t i = 0; i < spares.size(); i++)
-                    if (spares[i].pid == pid)
-                        close(spares[i].sock), spares.erase(spares.begin() + (long)i);
-                continue;
+            auto w = std::find_if(workers.begin(), workers.end(),
+                                  [pid](const Process &p) { return p.pid == pid; });
+            if (w == workers.end()) continue; /* retired */
+            if (w->result >= 0) {
+                char line[64];
+                int n = snprintf(line, sizeof(line), "W %d %d\n", status, w->termed);
+                write_all(w->result, line, (size_t)n);
             }
-            char line[64];
-            int n = snprintf(line, sizeof(line), "W %d %d\n", status, it->second.termed);
-            write_all(it->second.result, line, (size_t)n);
-            close(it->second.result);
-            running.erase(it);
+            retire((size_t)(w - workers.begin()));
         }
     }
 };
@@ -295,44 +359,52 @@ struct Helper {
     signal(SIGTERM, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
     bool open = true;
-    while (open || !h.running.empty()) {
+    std::vector<pollfd> fds;
+    while (open || h.idle() < h.workers.size()) {
         /* spares are made while nothing waits for the helper */
-        while (open && h.spares.size() < SPARES)
-            h.add_spare();
+        while (open && h.idle() < SPARES && h.start_worker()) {
+        }
         time_t now = time(nullptr);
-        for (auto &[pid, r] : h.running) {
-            if (now >= r.deadline + (r.termed ? KILL_GRACE : 0)) {
-                kill(pid, r.termed ? SIGKILL : SIGTERM);
-                if (!r.termed) r.termed = true, r.deadline = now;
+        for (Process &w : h.workers) {
+            if (w.result >= 0 && now >= w.deadline + (w.termed ? KILL_GRACE : 0)) {
+                kill(w.pid, w.termed ? SIGKILL : SIGTERM);
+                if (!w.termed) w.termed = true, w.deadline = now;
             }
         }
-        pollfd fds[2] = {{open ? sock : -1, POLLIN, 0}, {h.sigfd, POLLIN, 0}};
-        if (poll(fds, 2, 1000) < 0 && errno != EINTR) _exit(1);
+        fds.assign({{open ? sock : -1, POLLIN, 0}, {h.sigfd, POLLIN, 0}});
+        std::vector<pid_t> busy;
+        for (const Process &w : h.workers) {
+            if (w.result < 0 || w.hung_up) continue;
+            fds.push_back({w.sock, POLLIN, 0});
+            busy.push_back(w.pid);
+        }
+        if (poll(fds.data(), fds.size(), 1000) < 0 && errno != EINTR) _exit(1);
+        for (size_t i = 0; i < busy.size(); i++)
+            if (fds[2 + i].revents) h.answered(busy[i]);
         if (fds[1].revents) h.reap();
         if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
         int fd[2];
         ssize_t n = receive_job(sock, h.buf, fd);
         if (n == 0) {
-            /* the milter is gone: its children's results have no reader */
+            /* the milter is gone: its workers' results have no reader */
             open = false;
-            for (auto &[pid, r] : h.running)
-                kill(pid, SIGTERM);
-            for (const Spare &s : h.spares)
-                close(s.sock); /* each spare then ends */
-            h.spares.clear();
+            for (size_t i = h.workers.size(); i-- > 0;) {
+                if (h.workers[i].result >= 0)
+                    kill(h.workers[i].pid, SIGTERM);
+                else
+                    h.retire(i);
+            }
             continue;
         }
         if (n < 0) continue;
-        pid_t pid = h.dispatch(n, fd);
+        pid_t pid = split_words(h.buf, (size_t)n).size() >= 3 ? h.dispatch(n, fd, timeout) : -1;
         close(fd[0]);
         if (pid < 0) {
             char line[64];
             int len = snprintf(line, sizeof(line), "W -1 0\n");
             write_all(fd[1], line, (size_t)len);
             close(fd[1]);
-            continue;
         }
-        h.running[pid] = Running{fd[1], time(nullptr) + timeout};
     }
     _exit(0);
 }
@@ -378,7 +450,7 @@ Outcome Worker::run(const Job &job)
         close(pipefd[0]);
         throw WorkerGone(std::string("the helper does not take work: ") + strerror(errno));
     }
-    /* records until the child's own status (X) or, should it not get that far, the
+    /* records until the engine's own status (X) or, should the worker not get that far, the
      * helper's (W, after reaping it); end of file with neither: the helper is gone */
     std::string got;
     Outcome out;

@@ -1,18 +1,20 @@
 /*
- * worker - runs the handler's own code for one message in a fresh child, for
- * keyseal-milter's threads.
+ * worker - runs the handler's own code for one message at a time in a worker process,
+ * for keyseal-milter's threads.
  *
  * Worker::start() forks the helper before libmilter starts any thread: a
- * single-threaded process that owns every per-message child.  Worker::run() (any
- * thread) hands it the message file and the handler's arguments and environment; the
- * helper forks a child that takes the handler's start-up (mh_handler_prepare, syslog
- * ident "keyseal", the queue id as trace id) and runs the signing engine on the file,
- * exactly as keyseal would on its standard input.  No state survives a message: each
- * child is discarded.  The helper loads the libraries once (a signature with a
- * throwaway key), so that a child starts where a warm process stands.  A child past its time limit
- * gets SIGTERM (it removes its spool file), and SIGKILL 5 s later.  run() returns what the child
- * did; it throws WorkerGone when the helper is not there.  Nothing here ends the process, save the
- * helper and its children, which _exit.
+ * single-threaded process that owns every worker.  Worker::run() (any thread) hands it
+ * the message file and the handler's arguments and environment; the helper passes them
+ * to an idle worker, which takes the handler's start-up (mh_handler_prepare, syslog ident
+ * "keyseal", the queue id as trace id) and runs the signing engine on the file, exactly
+ * as keyseal would on its standard input.  No state survives a message: the environment,
+ * the log identity and OpenSSL's error queue are set afresh for each, and the engine keeps
+ * nothing between calls; a worker ends after 100 messages, and one that crashes or
+ * runs past its time limit is discarded.  The helper loads the libraries once (a signature
+ * with a throwaway key), so that a worker starts where a warm process stands.  A worker
+ * past its time limit gets SIGTERM (it removes its spool file), and SIGKILL 5 s later.
+ * run() returns what the worker did; it throws WorkerGone when the helper is not there.
+ * Nothing here ends the process, save the helper and its workers, which _exit.
  */
 #ifndef KEYSEAL_MILTER_WORKER_H
 #define KEYSEAL_MILTER_WORKER_H
@@ -34,7 +36,8 @@ struct Job {
 };
 
 struct Outcome {
-    int wait_status = -1;     /* the child's, as waitpid() gives it; -1: none came back */
+    int wait_status = -1;     /* the engine's status as waitpid() gives an exit, or the
+                               * worker's wait status when it died first; -1: none */
     bool timed_out = false;   /* killed for its time limit */
     std::string signature;    /* the new header on PASS: "DKIM-Signature: ...\n..." */
     std::vector<int> removed; /* DKIM-Signature headers cut, by place (1 first, any case) */
@@ -47,7 +50,7 @@ struct WorkerGone : std::runtime_error {
 class Worker
 {
   public:
-    /* start - fork the helper; timeout is a child's time limit in seconds */
+    /* start - fork the helper; timeout is one message's time limit in seconds */
     static void start(int timeout);
     static Outcome run(const Job &job);
     static pid_t helper_pid();

@@ -1,5 +1,6 @@
 """keyseal-milter in front of a real Postfix: what reaches the next hop, verified by dkimpy
 through the lab's DNS, and what the log says, by Postfix's queue id."""
+import json
 import os
 import re
 import smtplib
@@ -145,3 +146,17 @@ def test_faults_lose_nothing_and_strict_holds_until_cleared(lab):
     got, _ = deliver(lab, sendmail, message(7), "ann@example.com")
     assert verifies(got)
     assert os.listdir("/usr/local/hlx/handlers/spool") == []
+
+
+def test_a_worker_carries_nothing_from_one_message_to_the_next(lab):
+    # one after another, so the same worker serves both: the second client is neither
+    # authenticated nor whitelisted, and must not inherit the first one's login
+    signed, q1 = deliver(lab, smtp, message(8), login=("ann@example.com", "secret"))
+    unsigned, q2 = deliver(lab, smtp, message(9), source="10.0.0.6")
+    log = lab.log(until=rf"keyseal\[\d+\]: {q2}: ")
+    pids = {re.search(rf"keyseal\[(\d+)\]: {q}: ", log).group(1) for q in (q1, q2)}
+    assert len(pids) == 1 and verifies(signed) and signatures(unsigned) == []
+    # keyseal-admin report still counts one run per message, not one per worker
+    report = json.loads(lab.admin("report", "--json", "/var/log/mail.log").stdout)
+    decisions = re.findall(r"keyseal\[\d+\]: \w+: .*(?:-> signing|- not signing)", log)
+    assert report["runs"] == len(decisions)
