@@ -52,8 +52,10 @@ mail.* action(type="omfile" file="/var/log/mail.log" template="RSYSLOG_Tradition
 """
 
 
-def enter(root):
-    """Move this process into its private mount namespace rooted at root."""
+def enter(root, disk=None):
+    """Move this process into its private mount namespace rooted at root; with disk, an
+    image of a file system, root is that file system mounted (in the namespace only), if
+    it can be.  Whether it was."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.unshare(CLONE_NEWNS) != 0:
         raise harness.Unavailable("cannot make a private mount namespace: "
@@ -62,6 +64,7 @@ def enter(root):
         namespace.mount(None, "/", None, namespace.MS_REC | namespace.MS_PRIVATE)
     except OSError:
         raise harness.Unavailable(harness.NOT_A_MOUNT_POINT)
+    mounted = disk is not None and subprocess.run(["mount", "-o", "loop", disk, root]).returncode == 0
     scratch = os.path.join(root, ".ns")
     os.makedirs(scratch, exist_ok=True)
     namespace.mount("tmpfs", scratch, "tmpfs", 0, "mode=0700")
@@ -75,6 +78,7 @@ def enter(root):
     # /dev/log is rsyslogd's own socket on the private /dev, where every user reaches it
     namespace.private_dev(scratch, os.path.join(root, "log.sock"))
     os.remove("/dev/log")
+    return mounted
 
 
 class Capture(socketserver.ThreadingTCPServer):
