@@ -160,3 +160,17 @@ def test_a_worker_carries_nothing_from_one_message_to_the_next(lab):
     report = json.loads(lab.admin("report", "--json", "/var/log/mail.log").stdout)
     decisions = re.findall(r"keyseal\[\d+\]: \w+: .*(?:-> signing|- not signing)", log)
     assert report["runs"] == len(decisions)
+
+
+def test_workers_end_after_their_hundred_and_no_message_is_lost(lab):
+    with open("/etc/domainkeys/whitelist", "w") as f:
+        f.write("10.0.0.5/32\n")
+    seen, start = lab.capture.count, len(lab.log())
+    with smtplib.SMTP("127.0.0.1", 25, source_address=("10.0.0.5", 0), timeout=120) as s:
+        for n in range(120):  # one after another: more than one worker's life
+            s.sendmail("ann@example.com", ["bob@example.net"], message(1000 + n))
+    got = lab.delivered(seen + 120)[seen:]
+    assert len(got) == 120 and all(verifies(m) for m in got)
+    log = lab.log()[start:]
+    assert len(set(re.findall(r"keyseal\[(\d+)\]: \w+: Whitelisted", log))) >= 2
+    assert "not signed" not in log
