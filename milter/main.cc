@@ -18,6 +18,7 @@
 
 #include "dkim/dk_engine.h"
 #include "mailhandler/mh_handler.h"
+#include "util/file_utils.h"
 #include "util/halyx_log.h"
 
 #include <libmilter/mfapi.h>
@@ -119,18 +120,6 @@ int disk_file()
     return fd;
 }
 
-/* write_all - 0, or the errno of the failed write */
-int write_all(int fd, const char *data, size_t length)
-{
-    while (length > 0) {
-        ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return n < 0 ? errno : ENOSPC;
-        data += n, length -= (size_t)n;
-    }
-    return 0;
-}
-
 /* to_disk - the memory file's bytes into a disk file that takes its place; 0 or an errno */
 int to_disk(Session *s)
 {
@@ -143,8 +132,10 @@ int to_disk(Session *s)
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0)
             err = n < 0 ? errno : EIO;
+        else if (write_all(disk, buf, (size_t)n) != 0)
+            err = errno;
         else
-            err = write_all(disk, buf, (size_t)n), at += n;
+            at += n;
     }
     if (err != 0) {
         close(disk);
@@ -160,7 +151,7 @@ void append(Session *s, const char *data, size_t length)
 {
     if (s->write_errno != 0) return;
     if (s->in_memory && s->size + length > IN_MEMORY_MAX) s->write_errno = to_disk(s);
-    if (s->write_errno == 0) s->write_errno = write_all(s->fd, data, length);
+    if (s->write_errno == 0 && write_all(s->fd, data, length) != 0) s->write_errno = errno;
     s->size += length;
 }
 

@@ -3,6 +3,7 @@
 #include "dkim/dk_engine.h"
 #include "dkim/dk_sign.h"
 #include "mailhandler/mh_handler.h"
+#include "util/file_utils.h"
 #include "util/halyx_log.h"
 
 #include <cerrno>
@@ -104,16 +105,6 @@ std::vector<std::string> split_words(const std::vector<char> &buf, size_t n)
     return words;
 }
 
-void write_all(int fd, const char *data, size_t length)
-{
-    while (length > 0) {
-        ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        data += n, length -= (size_t)n;
-    }
-}
-
 /* report - the engine's observer in the worker: what the milter must apply */
 void report(void *data, int event, int number, const char *text)
 {
@@ -132,7 +123,7 @@ void report(void *data, int event, int number, const char *text)
 /* serve - the handler for one message: its start-up, then the engine on the file.  Every
  * piece of the handler's state is set afresh here (environment, log identity and trace
  * id, OpenSSL's error queue); the engine keeps none between calls.  Closes both files. */
-int serve(std::vector<std::string> &words, int message, int result)
+void serve(std::vector<std::string> &words, int message, int result)
 {
     /* words: queue id, context, from, recipients..., "", environment..., and last the
      * trace id's variable, added by the worker: putenv keeps pointers into them */
@@ -160,7 +151,6 @@ int serve(std::vector<std::string> &words, int message, int result)
     in != nullptr ? fclose(in) : close(message);
     close(result);
     clearenv(); /* before the words it points into go */
-    return status;
 }
 
 /* worker_loop - a worker's life: jobs one at a time from the helper, each answered with
@@ -215,19 +205,33 @@ struct Process {
     int result = -1;     /* busy: the job's result pipe; idle: -1 */
     time_t deadline = 0; /* SIGTERM then; SIGKILL KILL_GRACE later */
     bool termed = false;
-    bool hung_up = false; /* its end is closed: it is ending, to be reaped */
+    bool hung_up = false;   /* its end is closed: it is ending, to be reaped */
+    unsigned long used = 0; /* when it last finished a job, on the helper's count */
 };
 
 struct Helper {
     int requests, sigfd;
     sigset_t chld;
-    std::vector<Process> workers; /* the idle ones last used at the back */
+    std::vector<Process> workers;
+    unsigned long jobs_done = 0;
     std::vector<char> buf = std::vector<char>(REQUEST_MAX);
 
     size_t idle() const
     {
         return (size_t)std::count_if(workers.begin(), workers.end(),
                                      [](const Process &w) { return w.result < 0; });
+    }
+
+    /* idle_worker - the idle worker used last (its pages are the warmest) or, with
+     * coldest, the one used longest ago; workers.end() when none is idle */
+    std::vector<Process>::iterator idle_worker(bool coldest)
+    {
+        auto pick = workers.end();
+        for (auto w = workers.begin(); w != workers.end(); ++w)
+            if (w->result < 0 &&
+                (pick == workers.end() || (coldest ? w->used < pick->used : w->used >= pick->used)))
+                pick = w;
+        return pick;
     }
 
     /* in_child - what a new worker must not keep of the helper: above all the result pipes
@@ -243,7 +247,7 @@ struct Helper {
         }
     }
 
-    /* start_worker - a new idle worker at the back; false if none could be made */
+    /* start_worker - a new idle worker, the last in workers; false if none could be made */
     bool start_worker()
     {
         int sv[2];
@@ -271,29 +275,23 @@ struct Helper {
         workers.erase(workers.begin() + (long)i);
     }
 
-    /* dispatch - the job to the idle worker used last (its pages are the warmest), or to a
-     * new one; the worker's pid, or -1 */
+    /* dispatch - the job to the warmest idle worker, or to a new one; its pid, or -1 */
     pid_t dispatch(ssize_t n, int fd[2], int timeout)
     {
         for (size_t tries = 0; tries <= workers.size(); tries++) {
-            auto w = std::find_if(workers.rbegin(), workers.rend(),
-                                  [](const Process &p) { return p.result < 0; });
-            if (w == workers.rend()) {
+            auto w = idle_worker(false);
+            if (w == workers.end()) {
                 if (!start_worker()) return -1;
-                w = workers.rbegin();
+                w = workers.end() - 1;
             }
             if (send_job(w->sock, buf.data(), (size_t)n, fd)) {
                 w->result = fd[1];
                 w->deadline = time(nullptr) + timeout;
                 w->termed = false;
-                /* busy ones ahead of the idle: the back stays the warmest idle one */
-                Process taken = *w;
-                workers.erase(std::next(w).base());
-                workers.insert(workers.begin(), taken);
-                return taken.pid;
+                return w->pid;
             }
             kill(w->pid, SIGKILL); /* a worker that cannot take it is of no use */
-            retire((size_t)(std::next(w).base() - workers.begin()));
+            retire((size_t)(w - workers.begin()));
         }
         return -1;
     }
@@ -313,17 +311,14 @@ struct Helper {
             w->hung_up = true;
             return;
         }
-        size_t i = (size_t)(w - workers.begin());
         if (c != 'D') {
-            retire(i);
+            retire((size_t)(w - workers.begin()));
             return;
         }
         close(w->result);
         w->result = -1;
-        Process done = *w;
-        workers.erase(w);
-        workers.push_back(done);
-        if (idle() > IDLE_MAX) retire(workers.size() - 1 - IDLE_MAX);
+        w->used = ++jobs_done;
+        if (idle() > IDLE_MAX) retire((size_t)(idle_worker(true) - workers.begin()));
     }
 
     void reap()
@@ -397,12 +392,13 @@ struct Helper {
             continue;
         }
         if (n < 0) continue;
-        pid_t pid = split_words(h.buf, (size_t)n).size() >= 3 ? h.dispatch(n, fd, timeout) : -1;
+        /* a job names at least its queue id, context and sender */
+        bool whole = std::count(h.buf.begin(), h.buf.begin() + n, '\0') >= 3;
+        pid_t pid = whole ? h.dispatch(n, fd, timeout) : -1;
         close(fd[0]);
         if (pid < 0) {
-            char line[64];
-            int len = snprintf(line, sizeof(line), "W -1 0\n");
-            write_all(fd[1], line, (size_t)len);
+            static const char NONE[] = "W -1 0\n";
+            write_all(fd[1], NONE, sizeof(NONE) - 1);
             close(fd[1]);
         }
     }

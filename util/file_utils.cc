@@ -96,3 +96,18 @@ int edit_file_safe(const char *path, edit_file_fn edit, void *data, int must_exi
     if (rc != 0) return discard(tmp, rc);
     return rename(tmp, path) != 0 ? discard(tmp, -1) : 0;
 }
+
+int write_all(int fd, const void *data, size_t length)
+{
+    const char *at = (const char *)data;
+    while (length > 0) {
+        ssize_t n = write(fd, at, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = ENOSPC;
+            return -1;
+        }
+        at += n, length -= (size_t)n;
+    }
+    return 0;
+}
