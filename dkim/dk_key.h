@@ -41,6 +41,14 @@ char *dk_key_path(const char *domain, const char *selector);
 int dk_key_read(const char *path, char *key, size_t *length);
 char *dk_key_failure(int status, const char *path);
 
+/* dk_selector_problem - why name cannot be a selector that a CONTEXT selects and the key
+ * path holds as one component ("it holds '/'", ...), or NULL when it can.  Static text. */
+const char *dk_selector_problem(const char *name);
+/* dk_domain_canonical - a sender domain as mail servers compare it: lower case, one
+ * trailing dot dropped; NULL when it is not a host name (letters, digits, hyphens and
+ * dots) or an address literal ("[192.0.2.1]", "[IPv6:2001:db8::1]").  Caller frees. */
+char *dk_domain_canonical(const char *domain);
+
 #ifdef __cplusplus
 }
 #endif
