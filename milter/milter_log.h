@@ -1,0 +1,39 @@
+/*
+ * milter_log - keyseal-milter's own log lines (syslog, facility mail, ident
+ * keyseal-milter), one home for the milter that writes them and keyseal-admin that reads
+ * them back (report, explain --queue-id).  Each per-message line starts with the queue id.
+ */
+#ifndef KEYSEAL_MILTER_LOG_H
+#define KEYSEAL_MILTER_LOG_H
+
+#define MILTER_IDENT "keyseal-milter"
+
+/* not signed: queue id, why; the last part says what became of the message */
+#define MILTER_LOG_NOT_SIGNED "%s: not signed: %s; the message passes unsigned"
+#define MILTER_LOG_TEMPFAIL "%s: not signed: %s; temporary failure (strict)"
+#define MILTER_LOG_PERMANENT                                                                       \
+    "%s: not signed: %s; a retry would fail the same way, so the message passes unsigned"
+#define MILTER_LOG_NULL_SENDER "%s: null sender (a bounce): not given to the handler"
+/* queue id, the envelope sender's domain as the client gave it */
+#define MILTER_LOG_NOT_HOST                                                                        \
+    "%s: sender domain '%s' is not a host name: not given to the handler; the message passes "    \
+    "unsigned"
+/* queue id, the place among the DKIM-Signature headers */
+#define MILTER_LOG_CUT_MISMATCH                                                                    \
+    "%s: warning: the handler cut DKIM-Signature header %d, which the mail server does not hold " \
+    "as cut: left in place"
+/* queue id, d=, the From: header's domain */
+#define MILTER_LOG_MISALIGNED "%s: signed d=%s but From: is %s: DMARC will not align"
+#define MILTER_LOG_NO_FROM "%s: signed d=%s but the message has no From: address"
+#define MILTER_LOG_MANY_FROM "%s: signed d=%s but the message has %d From: addresses"
+/* the peer's address */
+#define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
+/* pid, how it ended */
+#define MILTER_LOG_HELPER_ENDED "the signing helper (pid %d) ended (%s); starting a new one"
+#define MILTER_LOG_RELOADED "reloaded %s"
+/* "FILE:LINE: why" */
+#define MILTER_LOG_RELOAD_FAILED "%s; keeping the running settings"
+#define MILTER_LOG_STOPPING "stopping: %d messages in flight"
+#define MILTER_LOG_STOPPED "stopped"
+
+#endif
