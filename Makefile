@@ -27,10 +27,11 @@ DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-
 	python3 python3-dkim python3-nacl python3-dnspython python3-pytest libcli11-dev libmail-dkim-perl \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog \
 	libmilter-dev libpsl-dev publicsuffix postfix sasl2-bin libsasl2-modules
-TEST_SERVERS = nsd rsyslog postfix opendkim
-# opendkim: the usual signing milter, the peer of the through-Postfix rows (never started
-# as a service: the benchmark runs it in its own namespace)
-BENCH_PACKAGES = libmail-dkim-perl opendkim
+TEST_SERVERS = nsd rsyslog postfix opendkim rspamd
+# opendkim and rspamd: the usual signing milter and a filter that signs as a milter, the
+# peers of the through-Postfix rows (never started as services: the benchmark runs them in
+# its own namespace)
+BENCH_PACKAGES = libmail-dkim-perl opendkim rspamd
 FUZZ_PACKAGES = clang
 DEBIAN13_PACKAGES = debootstrap
 
