@@ -18,6 +18,7 @@ signatures the row asks for.
 Run inside `unshare --net` as root: python3 -m bench.postfix BUILD OUT.  For a quick look
 while developing, BENCH_POSTFIX_N, BENCH_POSTFIX_ROUNDS and BENCH_POSTFIX_DOMAINS shrink
 the messages per run, the rounds and the big map (the report says so)."""
+import glob
 import os
 import pwd
 import re
@@ -123,6 +124,26 @@ def cpu_seconds():
     return sum(int(f) for f in fields[:3] + fields[5:7]) / os.sysconf("SC_CLK_TCK")
 
 
+def tree_cpu(pid):
+    """CPU seconds a process and its descendants spent, those that ended included (as
+    their parents reaped them): the milter's own share of the machine's."""
+    children, times = {}, {}
+    for stat in glob.glob("/proc/[0-9]*/stat"):
+        try:
+            text = open(stat).read()
+        except OSError:
+            continue  # ended meanwhile
+        fields = text[text.rindex(")") + 2:].split()
+        children.setdefault(int(fields[1]), []).append(int(stat.split("/")[2]))
+        times[int(stat.split("/")[2])] = sum(int(f) for f in fields[11:15])
+    total, todo = 0, [pid]
+    while todo:
+        p = todo.pop()
+        total += times.get(p, 0)
+        todo += children.get(p, [])
+    return total / os.sysconf("SC_CLK_TCK")
+
+
 def queued():
     return sum(len(files) for d in QUEUE_DIRS for _, _, files in os.walk(d))
 
@@ -177,18 +198,26 @@ class Bench:
         self.lab.stop_postfix()
         self.lab.start_postfix()
 
+    def milter_pid(self, row):
+        who = {"opendkim": "opendkim", "rspamd": "rspamd", "no milter": None}.get(row[0], "milter")
+        return who and self.lab.procs[who].pid
+
     def one_run(self, row):
-        """(messages per second, CPU seconds per message, messages that arrived signed as the
-        row asks) for N messages in SESSIONS sessions."""
+        """(messages per second, CPU seconds per message, the milter's own CPU seconds per
+        message, messages that arrived signed as the row asks) for N messages in SESSIONS
+        sessions."""
         _, _, _, sender, wanted = row
         offset = os.path.getsize(self.dump) if os.path.exists(self.dump) else 0
+        pid = self.milter_pid(row)
+        own = tree_cpu(pid) if pid else 0
         cpu, start = cpu_seconds(), time.monotonic()
         subprocess.run(["smtp-source", "-s", str(SESSIONS), "-m", str(N), "-l", str(SIZE), "-S", "bench",
                         "-f", sender, "-t", "bob@example.net", "127.0.0.1:25"], check=True)
         postfix_lab.wait_for(lambda: queued() == 0, "the queue to empty", 300)
         rate, cpu = N / (time.monotonic() - start), (cpu_seconds() - cpu) / N
+        own = (tree_cpu(pid) - own) / N if pid else 0
         postfix_lab.wait_for(lambda: len(self.messages(offset)) >= N, f"smtp-sink to hold {N} messages")
-        return rate, cpu, sum(1 for m in self.messages(offset) if signatures(m) == wanted)
+        return rate, cpu, own, sum(1 for m in self.messages(offset) if signatures(m) == wanted)
 
     def messages(self, offset):
         with open(self.dump, "rb") as f:
@@ -264,8 +293,8 @@ def ed25519_key():
 
 
 def big_map():
-    """A selector map of DOMAINS domains, each with its key directory; the keys are hard
-    links to example.com's, so that making them takes seconds."""
+    """A selector map of DOMAINS domains, each with its key directory; the keys are copies
+    of example.com's, nearly all of them hard links, so that making them takes seconds."""
     key, gid = KEYS + "/example.com/default", pwd.getpwnam("keyseal").pw_gid
     os.makedirs(os.path.dirname(BIG_MAP), exist_ok=True)
     with open(BIG_MAP, "w") as f:
@@ -273,7 +302,13 @@ def big_map():
             d = f"{KEYS}/d{i}.example"
             os.mkdir(d, 0o750)
             os.chown(d, 0, gid)
-            os.link(key, d + "/default")
+            if i % 50000 == 1:  # a file system allows some 65,000 links to one file
+                shutil.copy(key, d + "/default")
+                os.chown(d + "/default", 0, gid)
+                os.chmod(d + "/default", 0o640)
+                first = d + "/default"
+            else:
+                os.link(first, d + "/default")
             f.write(f"d{i}.example default\n")
 
 
@@ -284,8 +319,8 @@ def check_config_seconds(build, conf):
     times = []
     for _ in range(3):
         start = time.monotonic()
-        subprocess.run([os.path.join(build, "keyseal-milter"), "--check-config", "-c", "/etc/keyseal/check-bench.conf"],
-                       check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([os.path.join(build, "keyseal-milter"), "--check-config", "-c",
+                        "/etc/keyseal/check-bench.conf"], check=True, stdout=subprocess.DEVNULL)
         times.append(time.monotonic() - start)
     return min(times)
 
@@ -317,18 +352,21 @@ def report(b, results, where, check, k, o):
     names = [r[0] for r in ROWS]
     rate = {w: statistics.median(r[0] for r in v) for w, v in results.items()}
     cpu = {w: statistics.median(r[1] for r in v) for w, v in results.items()}
-    signed = {w: sum(r[2] for r in v) for w, v in results.items()}
+    own = {w: statistics.median(r[2] for r in v) * 1000 for w, v in results.items()}
+    signed = {w: sum(r[3] for r in v) for w, v in results.items()}
     sign = {w: (cpu[w] - cpu["no milter"]) * 1000 for w in names}
     lines = [f"== through Postfix: 2 KB messages, smtp-source -s {SESSIONS} -m {N}, {ROUNDS} rounds ==",
              f"{'':<22}{'msgs/s':>8}{'x opendkim':>12}{'CPU ms/msg':>12}{'signing ms/msg':>16}"
-             f"{'x RSA':>7}{'signed':>14}"]
+             f"{'x RSA':>7}{'milter ms/msg':>15}{'x RSA':>7}{'signed':>14}"]
     for w in names:
         lines.append(f"{w:<22}{rate[w]:>8.0f}{rate[w] / rate['opendkim']:>12.2f}{cpu[w] * 1000:>12.2f}"
-                     + (f"{'-':>16}{'-':>7}{'-':>14}" if w == "no milter" else
+                     + (f"{'-':>16}{'-':>7}{'-':>15}{'-':>7}{'-':>14}" if w == "no milter" else
                         f"{sign[w]:>16.2f}{sign[w] / sign['keyseal RSA']:>7.2f}"
+                        f"{own[w]:>15.2f}{own[w] / own['keyseal RSA']:>7.2f}"
                         f"{f'{signed[w]} of {N * ROUNDS}':>14}"))
     lines += ["keyseal RSA: the default header set, over-signed; 3 fields: headers From To Subject, oversign none;",
               "signing ms/msg: CPU per message over the no-milter row's; x RSA: that over keyseal RSA's;",
+              "milter ms/msg: the milter's own processes' CPU per message (rspamd: its proxy and worker);",
               f"signed: messages that reached smtp-sink with the row's signatures (RSA, Ed25519 or both);",
               f"CPU: the whole machine's; {where}"]
     big = f"{DOMAINS} domains" if DOMAINS != 100000 else "100,000 domains"
@@ -348,17 +386,21 @@ def report(b, results, where, check, k, o):
     peer = min(("opendkim", "rspamd"), key=lambda w: sign[w])
     dual, ed = sign["keyseal RSA+Ed25519"] / sign[ks], sign["keyseal Ed25519"] / sign[ks]
     hs = sign[ks] / sign["keyseal RSA 3 fields"]
+    mine = lambda w: f"; the milter's own CPU: {own[w] / own[ks]:.2f}x"  # steadier on a busy machine
     big_rate = rate["keyseal 100k domains"] / rate[ks]
     every = all(signed[w] == N * ROUNDS for w in names if w != "no milter")
     lines += ["targets:",
               target(r >= 1.0, f"keyseal RSA {r:.2f}x opendkim's msgs/s (>= 1.0; stretch 1.2: "
                                f"{'met' if r >= 1.2 else 'not met'})"),
               target(sign[ks] <= sign[peer], f"keyseal RSA signing CPU {sign[ks]:.2f} ms/msg <= the leanest "
-                                             f"peer's ({peer}, {sign[peer]:.2f})"),
-              target(dual <= 1.3, f"RSA+Ed25519 signing CPU {dual:.2f}x RSA alone (<= 1.3)"),
-              target(ed <= 0.7, f"Ed25519 signing CPU {ed:.2f}x RSA alone (<= 0.7)"),
+                                             f"peer's ({peer}, {sign[peer]:.2f}; the milters' own CPU: "
+                                             f"{own[ks]:.2f} and {own[peer]:.2f})"),
+              target(dual <= 1.3, f"RSA+Ed25519 signing CPU {dual:.2f}x RSA alone "
+                                  f"(<= 1.3{mine('keyseal RSA+Ed25519')})"),
+              target(ed <= 0.7, f"Ed25519 signing CPU {ed:.2f}x RSA alone (<= 0.7{mine('keyseal Ed25519')})"),
               target(hs <= 1.05, f"the default header set, over-signed: signing CPU {hs:.2f}x "
-                                 f"h=From:To:Subject's (<= 1.05)"),
+                                 f"h=From:To:Subject's (<= 1.05; the milter's own CPU: "
+                                 f"{own[ks] / own['keyseal RSA 3 fields']:.2f}x)"),
               target(reload_s <= 1.0, f"{big}: reload {reload_s:.3f} s (<= 1)"),
               target(r1 - r0 <= 30, f"{big}: the milter's RSS grew {r1 - r0:.1f} MB (<= 30)"),
               target(big_rate >= 0.95, f"{big}: {big_rate:.2f}x the one-domain msgs/s (>= 0.95)"),
@@ -417,9 +459,17 @@ def main():
             for row in ROWS:
                 b.use(row)
                 results[row[0]].append(b.one_run(row))
-        b.use(ROWS[3])
+        # a milter that never held the big map, whose memory the message could reuse unseen
+        lab.stop_milter()
+        lab.start_milter()
+        b.keyseal_conf = ""
+        row = {r[0]: r for r in ROWS}
+        b.use(row["keyseal RSA"])
+        subprocess.run(["smtp-source", "-m", "20", "-f", "ann@example.com", "-t", "bob@example.net",
+                        "127.0.0.1:25"], check=True)  # warmed up as in service
+        postfix_lab.wait_for(lambda: queued() == 0, "the queue to empty")
         k = big_message(lab, "keyseal-milter", lab.procs["milter"].pid)
-        b.use(ROWS[1])
+        b.use(row["opendkim"])
         o = big_message(lab, "opendkim", lab.procs["opendkim"].pid)
         lines = report(b, results, where, check, k, o)
         lines.append(f"(the {DOMAINS} key directories and the map took {made:.0f} s to make; "
