@@ -18,6 +18,7 @@ signatures the row asks for.
 Run inside `unshare --net` as root: python3 -m bench.postfix BUILD OUT.  For a quick look
 while developing, BENCH_POSTFIX_N, BENCH_POSTFIX_ROUNDS and BENCH_POSTFIX_DOMAINS shrink
 the messages per run, the rounds and the big map (the report says so)."""
+import base64
 import glob
 import os
 import pwd
@@ -29,6 +30,8 @@ import statistics
 import subprocess
 import sys
 import time
+
+import dkim
 
 from sandbox import postfix_lab
 
@@ -217,7 +220,8 @@ class Bench:
         rate, cpu = N / (time.monotonic() - start), (cpu_seconds() - cpu) / N
         own = (tree_cpu(pid) - own) / N if pid else 0
         postfix_lab.wait_for(lambda: len(self.messages(offset)) >= N, f"smtp-sink to hold {N} messages")
-        return rate, cpu, own, sum(1 for m in self.messages(offset) if signatures(m) == wanted)
+        got = self.messages(offset)
+        return rate, cpu, own, sum(1 for m in got if signatures(m) == wanted), verified(got[0], len(wanted))
 
     def messages(self, offset):
         with open(self.dump, "rb") as f:
@@ -230,6 +234,27 @@ def signatures(message):
     head = message.split(b"\n\n", 1)[0].replace(b"\r\n", b"\n")
     return [re.search(rb"\ba=([\w-]+)", re.sub(rb"\n[ \t]", b" ", h)).group(1).decode()
             for h in re.findall(rb"^DKIM-Signature:.*(?:\n[ \t].*)*", head, re.M | re.I)]
+
+
+def public_record(path):
+    """The DNS record of a private key's public half, as keyseal-admin dns prints it."""
+    der = subprocess.run(["openssl", "pkey", "-in", path, "-pubout", "-outform", "DER"], check=True,
+                         capture_output=True).stdout
+    ed = b"ED25519" in subprocess.run(["openssl", "pkey", "-in", path, "-noout", "-text"], check=True,
+                                      capture_output=True).stdout.upper()
+    return f"v=DKIM1; k={'ed25519' if ed else 'rsa'}; p={base64.b64encode(der[-32:] if ed else der).decode()}"
+
+
+def verified(message, count):
+    """Whether each of the message's count signatures verifies (dkimpy, the records of the
+    bench's keys: every RSA row signs with the same key)."""
+    lines = message.replace(b"\r\n", b"\n").split(b"\n")[1:]
+    while lines and lines[0].startswith(b"X-"):
+        lines.pop(0)  # smtp-sink's lines, then its three-line Received header
+    msg = b"\r\n".join(lines[3:])
+    records = {s: public_record(f"{KEYS}/example.com/{s}") for s in ("default", "ed1")}
+    dns = lambda name, timeout=5: records[name.decode().split(".")[0]].encode()
+    return all(dkim.DKIM(msg).verify(idx=i, dnsfunc=dns) for i in range(count))
 
 
 def big_message(lab, who, pid):
@@ -343,6 +368,11 @@ def journaled_disk(root):
         return None
 
 
+def per(a, b):
+    """a over b; not a number when b is none (a shortened run can measure no CPU at all)."""
+    return a / b if b > 0 else float("nan")
+
+
 def target(ok, text):
     return f"  [{'met' if ok else 'NOT met'}] {text}"
 
@@ -354,6 +384,7 @@ def report(b, results, where, check, k, o):
     cpu = {w: statistics.median(r[1] for r in v) for w, v in results.items()}
     own = {w: statistics.median(r[2] for r in v) * 1000 for w, v in results.items()}
     signed = {w: sum(r[3] for r in v) for w, v in results.items()}
+    checked = all(r[4] for v in results.values() for r in v)
     sign = {w: (cpu[w] - cpu["no milter"]) * 1000 for w in names}
     lines = [f"== through Postfix: 2 KB messages, smtp-source -s {SESSIONS} -m {N}, {ROUNDS} rounds ==",
              f"{'':<22}{'msgs/s':>8}{'x opendkim':>12}{'CPU ms/msg':>12}{'signing ms/msg':>16}"
@@ -361,13 +392,13 @@ def report(b, results, where, check, k, o):
     for w in names:
         lines.append(f"{w:<22}{rate[w]:>8.0f}{rate[w] / rate['opendkim']:>12.2f}{cpu[w] * 1000:>12.2f}"
                      + (f"{'-':>16}{'-':>7}{'-':>15}{'-':>7}{'-':>14}" if w == "no milter" else
-                        f"{sign[w]:>16.2f}{sign[w] / sign['keyseal RSA']:>7.2f}"
-                        f"{own[w]:>15.2f}{own[w] / own['keyseal RSA']:>7.2f}"
+                        f"{sign[w]:>16.2f}{per(sign[w], sign['keyseal RSA']):>7.2f}"
+                        f"{own[w]:>15.2f}{per(own[w], own['keyseal RSA']):>7.2f}"
                         f"{f'{signed[w]} of {N * ROUNDS}':>14}"))
     lines += ["keyseal RSA: the default header set, over-signed; 3 fields: headers From To Subject, oversign none;",
               "signing ms/msg: CPU per message over the no-milter row's; x RSA: that over keyseal RSA's;",
               "milter ms/msg: the milter's own processes' CPU per message (rspamd: its proxy and worker);",
-              f"signed: messages that reached smtp-sink with the row's signatures (RSA, Ed25519 or both);",
+              "signed: messages that reached smtp-sink with the row's signatures (RSA, Ed25519 or both);",
               f"CPU: the whole machine's; {where}"]
     big = f"{DOMAINS} domains" if DOMAINS != 100000 else "100,000 domains"
     reload_s = max(b.reloads)
@@ -384,9 +415,9 @@ def report(b, results, where, check, k, o):
     ks = "keyseal RSA"
     r = rate[ks] / rate["opendkim"]
     peer = min(("opendkim", "rspamd"), key=lambda w: sign[w])
-    dual, ed = sign["keyseal RSA+Ed25519"] / sign[ks], sign["keyseal Ed25519"] / sign[ks]
-    hs = sign[ks] / sign["keyseal RSA 3 fields"]
-    mine = lambda w: f"; the milter's own CPU: {own[w] / own[ks]:.2f}x"  # steadier on a busy machine
+    dual, ed = per(sign["keyseal RSA+Ed25519"], sign[ks]), per(sign["keyseal Ed25519"], sign[ks])
+    hs = per(sign[ks], sign["keyseal RSA 3 fields"])
+    mine = lambda w: f"; the milter's own CPU: {per(own[w], own[ks]):.2f}x"  # steadier on a busy machine
     big_rate = rate["keyseal 100k domains"] / rate[ks]
     every = all(signed[w] == N * ROUNDS for w in names if w != "no milter")
     lines += ["targets:",
@@ -400,11 +431,12 @@ def report(b, results, where, check, k, o):
               target(ed <= 0.7, f"Ed25519 signing CPU {ed:.2f}x RSA alone (<= 0.7{mine('keyseal Ed25519')})"),
               target(hs <= 1.05, f"the default header set, over-signed: signing CPU {hs:.2f}x "
                                  f"h=From:To:Subject's (<= 1.05; the milter's own CPU: "
-                                 f"{own[ks] / own['keyseal RSA 3 fields']:.2f}x)"),
+                                 f"{per(own[ks], own['keyseal RSA 3 fields']):.2f}x)"),
               target(reload_s <= 1.0, f"{big}: reload {reload_s:.3f} s (<= 1)"),
               target(r1 - r0 <= 30, f"{big}: the milter's RSS grew {r1 - r0:.1f} MB (<= 30)"),
               target(big_rate >= 0.95, f"{big}: {big_rate:.2f}x the one-domain msgs/s (>= 0.95)"),
-              target(every, "every message signed as its row asks"),
+              target(every and checked, "every message signed as its row asks, and the first of each run "
+                                        f"verifies (dkimpy){'' if checked else ': one did NOT'}"),
               target(k1 - k0 <= 16, f"50 MB: the milter's memory grew {k1 - k0:.1f} MB (<= 16)")]
     return lines
 
