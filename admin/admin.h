@@ -94,8 +94,11 @@ using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using Nameservers = std::vector<std::string>;
 
 // names.cc
-/* check_names - refuse a domain or selector the handler would build a bad key path from */
+/* check_names - refuse a domain that is no host name, or a selector no CONTEXT can name */
 void check_names(const std::string &domain, const std::string &selector);
+/* canonical_domain - the domain as keys are stored and looked up (lower case, no trailing
+ * dot), as keyseal-milter hands it to the handler; throws Usage when it is no host name */
+std::string canonical_domain(const std::string &domain);
 /* valid_name - a name check_names accepts: a key's domain or selector */
 bool valid_name(const std::string &name);
 /* all_keys - every DOMAIN/SELECTOR key under the keys directory, in name order */

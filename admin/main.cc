@@ -144,6 +144,8 @@ int main(int argc, char **argv)
     if (name == "whitelist" || name == "postfix")
         name += " " + command->get_subcommands().front()->get_name();
     try {
+        /* keys are stored and looked up under the domain as mail servers compare it */
+        if (!domain.empty()) domain = canonical_domain(domain);
         if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
         if (name == "dns") return cmd_dns(domain, selector);
         if (name == "whitelist list") return cmd_whitelist_list();
