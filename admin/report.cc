@@ -75,21 +75,6 @@ bool starts(std::string_view text, std::string_view prefix)
     return text.substr(0, prefix.size()) == prefix;
 }
 
-/* rank - which line of a failed run names its reason best: lower wins */
-int rank(Kind k)
-{
-    switch (k) {
-    case Kind::NoKey:
-    case Kind::Error:
-    case Kind::Usage:
-        return 0;
-    case Kind::Summary:
-        return 1;
-    default:
-        return 2;
-    }
-}
-
 /* generic - a spool file's random name would make every failure a reason of its own */
 std::string generic(std::string text)
 {
@@ -110,6 +95,25 @@ std::string stamp(time_t t, const char *fmt)
 }
 
 } // namespace
+
+int failure_rank(Kind k)
+{
+    switch (k) {
+    case Kind::NoKey:
+    case Kind::Error:
+    case Kind::Usage:
+        return 0;
+    case Kind::Summary:
+        return 1;
+    default:
+        return 2;
+    }
+}
+
+bool is_decision(Kind kind)
+{
+    return decision_of(kind) != nullptr;
+}
 
 Classified classify(std::string_view text)
 {
@@ -158,10 +162,9 @@ bool milter_line(const char *fmt, std::string_view text, std::vector<std::string
 }
 
 const char *const LOOPBACK_HINT =
-    "to have them signed, either have each application log in with SMTP AUTH (each proves "
-    "who it is, and mail is signed for its own login), or run keyseal-admin whitelist add "
-    "127.0.0.1/32 (then every local user and process that can connect to port 25 gets its "
-    "mail signed)";
+    "have each application log in with SMTP AUTH (each proves who it is, and its mail is signed "
+    "as that user's), or run keyseal-admin whitelist add 127.0.0.1/32 (then every local user "
+    "and process that can connect to port 25 gets its mail signed)";
 
 void Tally::add_milter(const Line &line)
 {
@@ -176,7 +179,7 @@ void Tally::add(const Line &line)
 {
     if (line.milter) return add_milter(line);
     Classified c = classify(line.text);
-    bool decision = decision_of(c.kind) != nullptr;
+    bool decision = is_decision(c.kind);
     auto it = open_.find(line.pid);
     /* a usage error, a second decision, another trace id or a pause means the pid belongs to
      * a new run: keyseal-milter's workers log one message after another under one pid */
@@ -198,8 +201,8 @@ void Tally::add(const Line &line)
     if (decision) {
         run.decision = (int)c.kind;
         if (c.kind == Kind::NotSigning) run.client = c.value;
-    } else if (rank(c.kind) < run.reason_rank) {
-        run.reason_rank = rank(c.kind);
+    } else if (failure_rank(c.kind) < run.reason_rank) {
+        run.reason_rank = failure_rank(c.kind);
         run.reason = c.kind == Kind::NoKey ? no_key_reason() : c.value;
         std::vector<std::string> key; /* the domain and the selector */
         if (c.kind == Kind::NoKey) {
@@ -372,7 +375,8 @@ std::string render_text(const Summary &s, bool utf8)
     counts(clients, "      none");
     if (s.loopback > 0)
         line("  " + std::to_string(s.loopback) +
-             " from SMTP clients at loopback addresses (applications on this server): " +
+             " from SMTP clients at loopback addresses (programs on this server); to have "
+             "them signed, " +
              LOOPBACK_HINT);
     if (s.null_senders > 0)
         line("bounces (null sender), passed unsigned by keyseal-milter: " +

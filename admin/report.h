@@ -42,6 +42,10 @@ struct Classified {
     std::string value;
 };
 Classified classify(std::string_view text);
+/* is_decision - whether a line of this kind is the handler's decision (to sign or not) */
+bool is_decision(Kind kind);
+/* failure_rank - which line of a failed run names its reason best: lower wins */
+int failure_rank(Kind kind);
 
 struct Line {
     time_t when = 0;
