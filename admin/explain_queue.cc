@@ -189,7 +189,7 @@ int cmd_explain_queue(const std::string &id, const std::vector<std::string> &fil
     if (st.lines.empty())
         throw Problem("queue id " + id + " is not in " +
                       (files.empty() ? std::string("the journal") : "the files named") +
-                      ": name the mail log files that cover its time (e.g. /var/log/mail.log*)");
+                      ": name the mail log files that cover its time (e.g. " MAILLOG_DEFAULT "*)");
 
     for (const auto &line : st.lines)
         printf("log: %s\n", line.c_str());

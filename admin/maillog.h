@@ -21,6 +21,9 @@
 namespace keyseal_admin
 {
 
+/* where Debian's syslog daemon writes the mail facility */
+#define MAILLOG_DEFAULT "/var/log/mail.log"
+
 struct SyslogLine {
     time_t when = 0;
     std::string host, ident; /* ident: "keyseal", "postfix/smtpd", ... */
