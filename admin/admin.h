@@ -191,6 +191,10 @@ int cmd_explain(const std::string &from, const std::string &context,
 /* cmd_explain_queue - what the mail log (files, or the journal) says became of Postfix's
  * queue id: its lines, the verdict, the rule and what would change it; 1 when not there */
 int cmd_explain_queue(const std::string &id, const std::vector<std::string> &files);
+/* explain_queue_id - what cmd_explain_queue prints for these mail log lines; "" when none
+ * is of that queue id */
+std::string explain_queue_id(const std::string &id, const std::vector<std::string> &lines,
+                             time_t now);
 
 // spool.cc
 int cmd_spool(bool clean, long older_than);

@@ -7,7 +7,9 @@
 #include "dkim/dk_policy.h"
 #include "milter/milter_log.h"
 
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -29,6 +31,19 @@ struct Story {
     std::vector<std::string> misaligned; /* d=, From: domain */
     std::string alignment;               /* another line on the From: header */
 };
+
+/* appendf - printf onto out */
+__attribute__((format(printf, 2, 3))) void appendf(std::string &out, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    char *text = nullptr;
+    int n = vasprintf(&text, fmt, ap);
+    va_end(ap);
+    if (n < 0) throw Problem("out of memory");
+    out += text;
+    free(text);
+}
 
 /* postfix_line - the lines that say where a message came from and what Postfix did with
  * the milter's answer */
@@ -76,7 +91,7 @@ void add(Story &st, const std::string &id, std::string_view raw, time_t now)
                    milter_line(MILTER_LOG_MANY_FROM, rest, v)) {
             st.alignment = rest;
         }
-    } else if (s.ident == "keyseal") { /* the handler, under its program's name */
+    } else if (s.ident == REPORT_HANDLER_IDENT) {
         Classified c = classify(rest);
         if (is_decision(c.kind))
             st.decision = (int)c.kind, st.decided = c.value;
@@ -96,83 +111,145 @@ void add(Story &st, const std::string &id, std::string_view raw, time_t now)
 }
 
 /* key_advice - what to run for a key the handler could not get */
-void key_advice(const std::string &path)
+void key_advice(std::string &out, const std::string &path)
 {
     std::vector<std::string> key;
     if (!match(DK_KEY_PATH_FORMAT, path, key) || key.size() != 2 || key[0].empty()) {
-        printf("rule: the sender has no domain to sign for (a bounce's null sender)\n"
-               "to change it: nothing to change; such mail goes out unsigned\n");
+        appendf(out, "rule: the sender has no domain to sign for (a bounce's null sender)\n"
+                     "to change it: nothing to change; such mail goes out unsigned\n");
         return;
     }
     std::string sel = key[1] == DK_DEFAULT_SELECTOR ? "" : " --selector " + key[1];
     struct stat st;
     if (stat(path.c_str(), &st) == 0) {
-        printf("rule: a message is signed with the key of its sender's domain; %s was not "
-               "readable then, and exists now\n"
-               "to change it: keyseal-admin check %s%s (and postfix check: user %s must read "
-               "it)\n",
-               path.c_str(), key[0].c_str(), sel.c_str(), MILTER_USER);
+        appendf(out,
+                "rule: a message is signed with the key of its sender's domain; %s was not "
+                "readable then, and exists now\n"
+                "to change it: keyseal-admin check %s%s (and postfix check: user %s must read "
+                "it)\n",
+                path.c_str(), key[0].c_str(), sel.c_str(), MILTER_USER);
         return;
     }
-    printf("rule: a message is signed with the key of its sender's domain, and %s has none "
-           "(%s)\n"
-           "to change it: keyseal-admin keygen %s%s, publish the record it prints, then "
-           "keyseal-admin check %s%s; a domain this server should not sign for needs nothing\n",
-           key[0].c_str(), path.c_str(), key[0].c_str(), sel.c_str(), key[0].c_str(), sel.c_str());
+    appendf(out,
+            "rule: a message is signed with the key of its sender's domain, and %s has none "
+            "(%s)\n"
+            "to change it: keyseal-admin keygen %s%s, publish the record it prints, then "
+            "keyseal-admin check %s%s; a domain this server should not sign for needs nothing\n",
+            key[0].c_str(), path.c_str(), key[0].c_str(), sel.c_str(), key[0].c_str(), sel.c_str());
 }
 
-void skipped_advice(const std::string &client)
+void skipped_advice(std::string &out, const std::string &client)
 {
     if (client == DK_LOG_NO_CLIENT) {
-        printf("rule: not submitted with sendmail, no SMTP login, and no client address to "
-               "look up in the whitelist\n"
-               "to change it: keyseal-admin postfix check (keyseal-milter passes every SMTP "
-               "client's address)\n");
+        appendf(out, "rule: not submitted with sendmail, no SMTP login, and no client address to "
+                     "look up in the whitelist\n"
+                     "to change it: keyseal-admin postfix check (keyseal-milter passes every SMTP "
+                     "client's address)\n");
         return;
     }
-    printf("rule: the SMTP client %s did not log in (SMTP AUTH) and is not on the whitelist; "
-           "only mail submitted with sendmail on this server counts as local%s\n",
-           client.c_str(), loopback(client) ? ", not a client at a loopback address" : "");
+    appendf(out,
+            "rule: the SMTP client %s did not log in (SMTP AUTH) and is not on the whitelist; "
+            "only mail submitted with sendmail on this server counts as local%s\n",
+            client.c_str(), loopback(client) ? ", not a client at a loopback address" : "");
     if (loopback(client))
-        printf("to change it: %s\n", LOOPBACK_HINT);
+        appendf(out, "to change it: %s\n", LOOPBACK_HINT);
     else
-        printf("to change it: have the client log in with SMTP AUTH (its mail is then signed "
-               "as the user it proves to be), or keyseal-admin whitelist add %s (every "
-               "sender at that address then gets its mail signed: only for a host you trust)\n",
-               (client + (client.find(':') == std::string::npos ? "/32" : "/128")).c_str());
+        appendf(out,
+                "to change it: have the client log in with SMTP AUTH (its mail is then signed "
+                "as the user it proves to be), or keyseal-admin whitelist add %s (every "
+                "sender at that address then gets its mail signed: only for a host you trust)\n",
+                (client + (client.find(':') == std::string::npos ? "/32" : "/128")).c_str());
 }
 
-void signed_rule(const Story &st)
+void signed_rule(std::string &out, const Story &st)
 {
     switch ((Kind)st.decision) {
     case Kind::Sendmail:
-        printf("rule: submitted on this server with sendmail (" DK_ENV_SENDMAIL "=%s): local "
-               "submission is signed\n",
-               st.decided.c_str());
+        appendf(out,
+                "rule: submitted on this server with sendmail (" DK_ENV_SENDMAIL "=%s): local "
+                "submission is signed\n",
+                st.decided.c_str());
         break;
     case Kind::Authorized:
-        printf("rule: the SMTP client logged in as %s (SMTP AUTH): authenticated mail is "
-               "signed\n",
-               st.decided.c_str());
+        appendf(out,
+                "rule: the SMTP client logged in as %s (SMTP AUTH): authenticated mail is "
+                "signed\n",
+                st.decided.c_str());
         break;
     default: {
         std::string entry = whitelist_entry(st.decided);
-        printf("rule: the SMTP client %s is on the whitelist%s\n"
-               "to change it: keyseal-admin whitelist remove NETWORK stops signing its "
-               "unauthenticated mail\n",
-               st.decided.c_str(),
-               entry.empty() ? " (no entry admits it now)"
-                             : (" (now admitted by " + entry + ")").c_str());
+        appendf(out,
+                "rule: the SMTP client %s is on the whitelist%s\n"
+                "to change it: keyseal-admin whitelist remove NETWORK stops signing its "
+                "unauthenticated mail\n",
+                st.decided.c_str(),
+                entry.empty() ? " (no entry admits it now)"
+                              : (" (now admitted by " + entry + ")").c_str());
     }
     }
     if (!st.misaligned.empty())
-        printf("note: signed d=%s but the From: header's domain is %s: receivers' DMARC will not "
-               "align; send with an envelope sender of %s, or set signing_domain header in "
-               "/etc/keyseal/milter.conf and keyseal-admin keygen %s\n",
-               st.misaligned[0].c_str(), st.misaligned[1].c_str(), st.misaligned[1].c_str(),
-               st.misaligned[1].c_str());
+        appendf(out,
+                "note: signed d=%s but the From: header's domain is %s: receivers' DMARC will not "
+                "align; send with an envelope sender of %s, or set signing_domain header in "
+                "/etc/keyseal/milter.conf and keyseal-admin keygen %s\n",
+                st.misaligned[0].c_str(), st.misaligned[1].c_str(), st.misaligned[1].c_str(),
+                st.misaligned[1].c_str());
     else if (!st.alignment.empty())
-        printf("note: %s\n", st.alignment.c_str());
+        appendf(out, "note: %s\n", st.alignment.c_str());
+}
+
+/* tell - the story's lines, the verdict, the rule and what would change it */
+std::string tell(const Story &st)
+{
+    std::string out;
+    for (const auto &line : st.lines)
+        appendf(out, "log: %s\n", line.c_str());
+    if (!st.client.empty()) appendf(out, "client: %s\n", st.client.c_str());
+    if (!st.sender.empty()) appendf(out, "sender: %s\n", st.sender.c_str());
+    const char *held = st.strict ? " (strict: Postfix answered 451 and the client retries)" : "";
+    if (st.null_sender) {
+        appendf(out,
+                "verdict: not signed\n"
+                "rule: a bounce (null sender) has no domain to sign for; keyseal-milter passes it "
+                "on unsigned\nto change it: nothing to change\n");
+    } else if (!st.not_host.empty()) {
+        appendf(out,
+                "verdict: not signed\n"
+                "rule: the envelope sender's domain '%s' is not a host name; keyseal-milter does "
+                "not give it to the handler\n"
+                "to change it: the sending program must use a real address\n",
+                st.not_host.c_str());
+    } else if (st.decision >= 0 && (Kind)st.decision != Kind::NotSigning &&
+               st.failure.value.empty() && st.not_signed.empty()) {
+        appendf(out, "verdict: signed\n");
+        signed_rule(out, st);
+    } else if ((Kind)st.decision == Kind::NotSigning && st.failure.value.empty()) {
+        appendf(out, "verdict: not signed (SKIP)\n");
+        skipped_advice(out, st.decided);
+    } else if (st.failure.kind == Kind::NoKey) {
+        appendf(out, "verdict: failed, not signed%s\n", held);
+        key_advice(out, st.failure.value);
+    } else if (!st.failure.value.empty() || !st.not_signed.empty()) {
+        std::string why = !st.failure.value.empty() ? st.failure.value : st.not_signed;
+        appendf(out, "verdict: failed, not signed%s\n", held);
+        appendf(out, "rule: a message the rules admit is signed unless signing fails: %s%s\n",
+                why.c_str(), st.permanent ? " (a retry would fail the same way)" : "");
+        appendf(out,
+                "to change it: keyseal-admin postfix check, and keyseal-admin check for the "
+                "sender's domain%s\n",
+                st.sender.find('@') != std::string::npos
+                    ? (" (keyseal-admin check " + st.sender.substr(st.sender.rfind('@') + 1) + ")")
+                          .c_str()
+                    : "");
+    } else {
+        appendf(out,
+                "verdict: not signed: keyseal-milter never saw this message\n"
+                "rule: no keyseal-milter or keyseal line carries this queue id; Postfix did not "
+                "pass the message to the milter\n"
+                "to change it: keyseal-admin postfix check (smtpd_milters, non_smtpd_milters, "
+                "the socket)\n");
+    }
+    return out;
 }
 
 } // namespace
@@ -190,51 +267,17 @@ int cmd_explain_queue(const std::string &id, const std::vector<std::string> &fil
         throw Problem("queue id " + id + " is not in " +
                       (files.empty() ? std::string("the journal") : "the files named") +
                       ": name the mail log files that cover its time (e.g. " MAILLOG_DEFAULT "*)");
-
-    for (const auto &line : st.lines)
-        printf("log: %s\n", line.c_str());
-    if (!st.client.empty()) printf("client: %s\n", st.client.c_str());
-    if (!st.sender.empty()) printf("sender: %s\n", st.sender.c_str());
-    const char *held = st.strict ? " (strict: Postfix answered 451 and the client retries)" : "";
-    if (st.null_sender) {
-        printf("verdict: not signed\n"
-               "rule: a bounce (null sender) has no domain to sign for; keyseal-milter passes it "
-               "on unsigned\nto change it: nothing to change\n");
-    } else if (!st.not_host.empty()) {
-        printf("verdict: not signed\n"
-               "rule: the envelope sender's domain '%s' is not a host name; keyseal-milter does "
-               "not give it to the handler\n"
-               "to change it: the sending program must use a real address\n",
-               st.not_host.c_str());
-    } else if (st.decision >= 0 && (Kind)st.decision != Kind::NotSigning &&
-               st.failure.value.empty() && st.not_signed.empty()) {
-        printf("verdict: signed\n");
-        signed_rule(st);
-    } else if ((Kind)st.decision == Kind::NotSigning && st.failure.value.empty()) {
-        printf("verdict: not signed (SKIP)\n");
-        skipped_advice(st.decided);
-    } else if (st.failure.kind == Kind::NoKey) {
-        printf("verdict: failed, not signed%s\n", held);
-        key_advice(st.failure.value);
-    } else if (!st.failure.value.empty() || !st.not_signed.empty()) {
-        std::string why = !st.failure.value.empty() ? st.failure.value : st.not_signed;
-        printf("verdict: failed, not signed%s\n", held);
-        printf("rule: a message the rules admit is signed unless signing fails: %s%s\n",
-               why.c_str(), st.permanent ? " (a retry would fail the same way)" : "");
-        printf("to change it: keyseal-admin postfix check, and keyseal-admin check for the "
-               "sender's domain%s\n",
-               st.sender.find('@') != std::string::npos
-                   ? (" (keyseal-admin check " + st.sender.substr(st.sender.rfind('@') + 1) + ")")
-                         .c_str()
-                   : "");
-    } else {
-        printf("verdict: not signed: keyseal-milter never saw this message\n"
-               "rule: no keyseal-milter or keyseal line carries this queue id; Postfix did not "
-               "pass the message to the milter\n"
-               "to change it: keyseal-admin postfix check (smtpd_milters, non_smtpd_milters, "
-               "the socket)\n");
-    }
+    fputs(tell(st).c_str(), stdout);
     return EXIT_OK;
+}
+
+std::string explain_queue_id(const std::string &id, const std::vector<std::string> &lines,
+                             time_t now)
+{
+    Story st;
+    for (const auto &line : lines)
+        add(st, id, line, now);
+    return st.lines.empty() ? "" : tell(st);
 }
 
 } // namespace keyseal_admin

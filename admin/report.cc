@@ -133,16 +133,14 @@ Classified classify(std::string_view text)
 
 Parsed parse_line(std::string_view line, time_t now, Line &out)
 {
-    /* the handler logs under its program's name */
-    static const std::string_view HANDLER = " keyseal[", MILTER = " " MILTER_IDENT "[";
+    static const std::string_view HANDLER = " " REPORT_HANDLER_IDENT "[",
+                                  MILTER = " " MILTER_IDENT "[";
     /* most lines of a mail log are other programs': the cheap test first */
     if (line.find(HANDLER) == std::string_view::npos && line.find(MILTER) == std::string_view::npos)
         return Parsed::NotOurs;
     SyslogLine s;
     if (!parse_syslog(line, now, s)) return Parsed::Malformed;
-    if (s.ident != HANDLER.substr(1, HANDLER.size() - 2) &&
-        s.ident != MILTER.substr(1, MILTER.size() - 2))
-        return Parsed::NotOurs;
+    if (s.ident != REPORT_HANDLER_IDENT && s.ident != MILTER_IDENT) return Parsed::NotOurs;
     if (s.pid == 0) return Parsed::Malformed;
     out.when = s.when;
     out.pid = s.pid;
@@ -169,10 +167,20 @@ const char *const LOOPBACK_HINT =
 void Tally::add_milter(const Line &line)
 {
     std::vector<std::string> v;
-    if (milter_line(MILTER_LOG_NULL_SENDER, line.text, v))
+    if (milter_line(MILTER_LOG_NULL_SENDER, line.text, v)) {
         sum_.null_senders++;
-    else if (milter_line(MILTER_LOG_MISALIGNED, line.text, v) && v.size() == 2)
+    } else if (milter_line(MILTER_LOG_MISALIGNED, line.text, v) && v.size() == 2) {
         misaligned_[{v[0], v[1]}]++;
+    } else if (milter_line(MILTER_LOG_NOT_SIGNED, line.text, v) ||
+               milter_line(MILTER_LOG_TEMPFAIL, line.text, v) ||
+               milter_line(MILTER_LOG_PERMANENT, line.text, v)) {
+        /* a handler killed at the time limit logged its decision and nothing more: the
+         * milter's line is what says the run failed (the handler's own reason, when it gave
+         * one, names it better) */
+        for (auto &[pid, run] : open_)
+            if (run.trace == line.trace && run.reason_rank > 1)
+                run.reason = v[0], run.reason_rank = 1;
+    }
 }
 
 void Tally::add(const Line &line)
@@ -439,7 +447,7 @@ int cmd_report(const std::string &since, bool json, const std::vector<std::strin
         if (p == Parsed::Malformed) malformed++;
         if (p == Parsed::Ours && l.when >= from) tally.add(l);
     };
-    read_mail_log("report", files, {"-t", "keyseal", "-t", MILTER_IDENT}, feed);
+    read_mail_log("report", files, {"-t", REPORT_HANDLER_IDENT, "-t", MILTER_IDENT}, feed);
     Summary summary = tally.finish(malformed);
     if (json) {
         printf("%s\n", render_json(summary).dump(2).c_str());

@@ -25,6 +25,9 @@
 namespace keyseal_admin
 {
 
+/* the handler logs under its program's name */
+#define REPORT_HANDLER_IDENT "keyseal"
+
 enum class Kind {
     Sendmail, /* decisions to sign, by rule */
     Authorized,

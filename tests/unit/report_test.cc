@@ -80,6 +80,11 @@ TEST(Report, CountsWhatTheLinesSay)
         "Nov 21 10:00:10 mx keyseal[9]: K9: Sendmail (PPP_INSIDE_SENDMAIL=1) -> signing",
         "Nov 21 10:00:10 mx keyseal[9]: K9: cannot get sender domain key from /etc/domainkeys/shop.example/s1",
         "Nov 21 10:00:11 mx keyseal-milter[3]: listening on unix:/x (selector default)",
+        "Nov 21 10:00:12 mx keyseal[10]: QA: Whitelisted TCPREMOTEIP=10.0.0.5 -> signing",
+        "Nov 21 10:00:14 mx keyseal-milter[3]: QA: not signed: the handler ran past the time limit of 1 s and was killed; temporary failure (strict)",
+        "Nov 21 10:00:15 mx keyseal[9]: QB: Sendmail (PPP_INSIDE_SENDMAIL=1) -> signing",
+        "Nov 21 10:00:15 mx keyseal[9]: QB: cannot get sender domain key from /etc/domainkeys/shop.example/s1",
+        "Nov 21 10:00:15 mx keyseal-milter[3]: QB: not signed: the handler failed (exit 255; its keyseal lines say why); the message passes unsigned",
         // clang-format on
     };
     const time_t now = 1795300000; /* 2026-11-21 */
@@ -90,7 +95,11 @@ TEST(Report, CountsWhatTheLinesSay)
         tally.add(l);
     }
     auto s = tally.finish(0);
-    EXPECT_EQ(s.runs, 10);
+    EXPECT_EQ(s.runs, 12);
+    EXPECT_EQ(s.failed, 4); /* the killed run too, by keyseal-milter's line */
+    ASSERT_EQ(s.failures.size(), 3u);
+    EXPECT_EQ(s.failures[0].reason, "cannot get sender domain key"); /* the handler's own */
+    EXPECT_EQ(s.failures[0].count, 2);
     EXPECT_EQ(s.skipped, 5);
     EXPECT_EQ(s.loopback, 3); /* 127.0.0.0/8 and ::1; not 128.0.0.1, not an unset address */
     EXPECT_EQ(s.without_address, 1);
@@ -99,7 +108,7 @@ TEST(Report, CountsWhatTheLinesSay)
     EXPECT_EQ(s.null_senders, 1);
     EXPECT_EQ(s.bounces, 1);
     ASSERT_EQ(s.no_key.size(), 1u);
-    EXPECT_EQ(s.no_key[0], std::make_pair(std::string("shop.example/s1"), 1L));
+    EXPECT_EQ(s.no_key[0], std::make_pair(std::string("shop.example/s1"), 2L));
     ASSERT_EQ(s.misaligned.size(), 2u);
     EXPECT_EQ(s.misaligned[0].d + " " + s.misaligned[0].from, "host.example shop.example");
     EXPECT_EQ(s.misaligned[0].count, 2);
