@@ -18,7 +18,7 @@ namespace keyseal_admin
 namespace
 {
 
-const char *const POLICY_VARIABLES[] = {DK_ENV_SENDMAIL, DK_ENV_AUTHORIZED, DK_ENV_CLIENT};
+const char *const POLICY_VARIABLES[] = {DK_ENV_SENDMAIL, DK_ENV_AUTHORIZED, DK_ENV_REMOTE_IP};
 
 /* A message the signer accepts, so that only the key and the names can make it fail */
 const char SAMPLE[] = "From: keyseal-admin <explain@localhost>\n\nexplain\n";
@@ -45,7 +45,7 @@ void capture_log(int level, const char *fmt, ...)
 /* observe - one line per decision of the engine, as it takes it */
 void observe(void *data, int event, int number, const char *text)
 {
-    const char *tcp = getenv(DK_ENV_CLIENT);
+    const char *tcp = getenv(DK_ENV_REMOTE_IP);
     switch (event) {
     case DK_EVENT_POLICY:
         printf("policy: %s\n", text);
@@ -53,7 +53,8 @@ void observe(void *data, int event, int number, const char *text)
             printf("whitelist: admitted by %s\n", whitelist_entry(tcp).c_str());
         break;
     case DK_EVENT_CUT:
-        printf("removed: DKIM-Signature header %d: %s\n", number, text);
+        printf("removed: DKIM-Signature header %d: %.*s\n", number, (int)strcspn(text, "\r\n"),
+               text);
         break;
     case DK_EVENT_KEPT:
         printf("kept: DKIM-Signature header %d: %s\n", number, text);
@@ -84,7 +85,7 @@ int cmd_explain(const std::string &from, const std::string &context,
             known |= name == v;
         if (eq == std::string::npos || !known)
             throw Usage("--env takes NAME=VALUE with NAME one of " DK_ENV_SENDMAIL
-                        ", " DK_ENV_AUTHORIZED ", " DK_ENV_CLIENT ": '" +
+                        ", " DK_ENV_AUTHORIZED ", " DK_ENV_REMOTE_IP ": '" +
                         setting + "'");
         setenv(name.c_str(), setting.c_str() + eq + 1, 1);
     }

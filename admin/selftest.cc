@@ -70,8 +70,8 @@ int cmd_test(const std::string &domain, const std::string &selector, const Names
     std::string sender = "postmaster@" + domain, trace = "T";
     trace += std::to_string(getpid()); /* "T" + to_string(): a GCC 12 -Wrestrict false alarm */
     std::vector<std::string> args{DK_CONTEXT_SELECTOR + selector, sender, sender};
-    const std::string local = DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE;
-    std::vector<std::string> env{local, HALYX_LOG_TRACE_ENV "=" + trace,
+    const std::string local = DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES;
+    std::vector<std::string> env{local, HALYX_LOG_TRACE_ID_ENV "=" + trace,
                                  "PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
     for (const char *keep : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"})
         if (getenv(keep) != nullptr) env.push_back(std::string(keep) + "=" + getenv(keep));
