@@ -75,8 +75,9 @@ int query_cancel(void *, void *handle)
     return DKIM_DNS_SUCCESS;
 }
 
-/* tags - a DKIM key record's tag=value list; the value trimmed of blanks */
-std::map<std::string, std::string> tags(const std::string &record)
+} // namespace
+
+std::map<std::string, std::string> record_tags(const std::string &record)
 {
     std::map<std::string, std::string> out;
     std::stringstream in(record);
@@ -91,6 +92,9 @@ std::map<std::string, std::string> tags(const std::string &record)
     }
     return out;
 }
+
+namespace
+{
 
 /* test_key - libopendkim's own comparison of the published key with the private one */
 void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
@@ -113,6 +117,15 @@ void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *
 }
 
 } // namespace
+
+bool record_matches(const std::string &p, EVP_PKEY *key)
+{
+    /* base64 may be split by blanks in a record; the bytes decide, not the spelling */
+    std::string mine = public_key_base64(key), theirs;
+    for (char c : p)
+        if (!isspace((unsigned char)c)) theirs += c;
+    return theirs == mine;
+}
 
 DkimLibrary::DkimLibrary(const Nameservers &ns, unsigned int flags)
     : resolver_(std::make_unique<Resolver>(ns)), lib_(dkim_init(nullptr, nullptr))
@@ -192,14 +205,30 @@ static void check_key(const std::string &domain, const std::string &selector, co
         report.error(std::to_string(records.size()) + " TXT records at " + name +
                      ": receivers need exactly one; remove all but the one 'keyseal-admin dns " +
                      domain + " --selector " + selector + "' prints");
-    auto t = tags(records[0]);
+    auto t = record_tags(records[0]);
     report.ok("TXT record at " + name);
     if (t.count("v") && t["v"] != "DKIM1") report.error("the record's v= is not DKIM1");
-    if (t.count("k") && t["k"] != "rsa") report.error("the record's k= is not rsa: " + t["k"]);
+    /* a record without k= is an RSA key's */
+    std::string k = t.count("k") ? t["k"] : "rsa", want = key ? key_type(key.get()) : k;
+    bool same_type = k == want;
+    if (k != "rsa" && k != "ed25519")
+        report.error("the record's k= is neither rsa nor ed25519: " + k);
+    else if (!same_type)
+        report.error("the record's k= is " + k + " but the private key is " + want +
+                     ": publish the record that 'keyseal-admin dns " + domain + " --selector " +
+                     selector + "' prints");
     if (t["p"].empty()) report.error("the record has no public key (empty or missing p=): revoked");
     if (t.count("t") && t["t"].find('y') != std::string::npos)
         report.warning("the record is in testing mode (t=y): receivers may ignore failures");
-    if (key && !t["p"].empty()) test_key(domain, selector, key.get(), ns, report);
+    if (!key || t["p"].empty() || !same_type) return;
+    if (want == "rsa")
+        test_key(domain, selector, key.get(), ns, report);
+    else if (record_matches(t["p"], key.get()))
+        report.ok("the published public key matches the private key");
+    else
+        report.error("the published public key does not match the private key: publish the "
+                     "record that 'keyseal-admin dns " +
+                     domain + " --selector " + selector + "' prints");
 }
 
 /* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
@@ -219,7 +248,7 @@ std::vector<std::pair<std::string, std::string>> all_keys()
     return out;
 }
 
-int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns,
+int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
               const Access *user, bool all)
 {
     if (!all) {

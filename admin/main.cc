@@ -37,6 +37,7 @@ int main(int argc, char **argv)
     std::string domain, selector = DK_DEFAULT_SELECTOR, group, nameservers;
     std::string keyseal = installed_handler();
     int bits = 2048;
+    std::string type = "rsa";
     bool force = false;
     std::string user = Access::default_user();
     bool all = false;
@@ -55,7 +56,10 @@ int main(int argc, char **argv)
 
     auto *keygen = app.add_subcommand("keygen", "generate a domain's key and print its DNS record");
     domain_arg(keygen);
-    keygen->add_option("--bits", bits, "key size")
+    keygen->add_option("--type", type, "the key's type")
+        ->check(CLI::IsMember({"rsa", "ed25519"}))
+        ->capture_default_str();
+    keygen->add_option("--bits", bits, "an RSA key's size")
         ->check(CLI::IsMember({1024, 2048, 3072, 4096}))
         ->capture_default_str();
     keygen->add_option("--group", group,
@@ -144,7 +148,11 @@ int main(int argc, char **argv)
     if (name == "whitelist" || name == "postfix")
         name += " " + command->get_subcommands().front()->get_name();
     try {
-        if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
+        if (name == "keygen") {
+            if (type != "rsa" && keygen->count("--bits") > 0)
+                throw Usage("--bits is for RSA keys; an Ed25519 key has one size");
+            return cmd_keygen(domain, selector, type, bits, group, force);
+        }
         if (name == "dns") return cmd_dns(domain, selector);
         if (name == "whitelist list") return cmd_whitelist_list();
         if (name == "whitelist lint") return cmd_whitelist_lint();
