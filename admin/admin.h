@@ -169,6 +169,14 @@ std::map<std::string, std::string> record_tags(const std::string &record);
 bool record_matches(const std::string &p, EVP_PKEY *key);
 /* lookup_txt - the TXT strings of each record at name, joined per record; throws Problem */
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns);
+/* NameServer - an authoritative server of a zone: its host name and an IPv4 address ("" when
+ * it has none) */
+struct NameServer {
+    std::string host, ip;
+};
+/* authoritative_servers - the zone enclosing domain (found by its SOA record, through the
+ * system's resolver) into zone, and each of its NS hosts with each of its addresses */
+std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone);
 /* cmd_check - one key (domain and selector) or, with all, every DOMAIN/SELECTOR key under
  * the keys directory; with a user, also what that user can do with the handler's files */
 int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
@@ -197,6 +205,20 @@ int cmd_postfix_check();
 // selftest.cc
 int cmd_test(std::string domain, const std::string &selector, const Nameservers &ns,
              const std::string &keyseal, const Access *user);
+
+// rotate.cc
+/* cmd_rotate_start - a new key (type, or the replaced key's type) under a new selector (or
+ * sYYYYMMDD), replacing the selector that signs now (of: the one of that key type when the
+ * domain signs twice; replaces: named outright); the rotation's state recorded */
+int cmd_rotate_start(std::string domain, const std::string &type, std::string selector,
+                     const std::string &of, const std::string &replaces);
+/* cmd_rotate_status - each domain in rotation (or the one given): its step and the next */
+int cmd_rotate_status(const std::string &domain);
+/* cmd_rotate_switch - the selector map switched and keyseal-milter reloaded once every
+ * nameserver (the zone's authoritative ones, or those given) serves the new key */
+int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force);
+/* cmd_rotate_retire - the old key moved aside once the grace period is over */
+int cmd_rotate_retire(std::string domain, bool force);
 
 // whitelist.cc
 int cmd_whitelist_list();

@@ -180,6 +180,92 @@ std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &
     return records;
 }
 
+namespace
+{
+
+/* Answer - a reply to one question, parsed by the resolver library; n < 0: no reply */
+struct Answer {
+    unsigned char buf[NS_MAXMSG];
+    int n = -1;
+    int h_errno_ = 0;
+    ns_msg msg{};
+};
+
+void ask(const std::string &name, ns_type type, const Nameservers &ns, Answer &a)
+{
+    Resolver r(ns);
+    a.n = res_nquery(&r.state, name.c_str(), ns_c_in, type, a.buf, sizeof(a.buf));
+    a.h_errno_ = r.state.res_h_errno;
+    if (a.n >= 0 && ns_initparse(a.buf, a.n, &a.msg) != 0)
+        throw Problem("unreadable DNS answer for " + name);
+}
+
+/* names_in - the answer section's records of type, as their owner names or, for NS, their
+ * target names, for A their addresses */
+std::vector<std::string> names_in(Answer &a, ns_type type, bool owner)
+{
+    std::vector<std::string> out;
+    for (int i = 0; a.n >= 0 && i < ns_msg_count(a.msg, ns_s_an); i++) {
+        ns_rr rr;
+        if (ns_parserr(&a.msg, ns_s_an, i, &rr) != 0 || ns_rr_type(rr) != type) continue;
+        char text[NS_MAXDNAME];
+        if (owner)
+            out.emplace_back(ns_rr_name(rr));
+        else if (type == ns_t_a && ns_rr_rdlen(rr) == 4)
+            out.emplace_back(inet_ntop(AF_INET, ns_rr_rdata(rr), text, sizeof(text)));
+        else if (type == ns_t_ns && ns_name_uncompress(ns_msg_base(a.msg), ns_msg_end(a.msg),
+                                                       ns_rr_rdata(rr), text, sizeof(text)) >= 0)
+            out.emplace_back(text);
+    }
+    return out;
+}
+
+bool same_name(std::string a, std::string b)
+{
+    for (auto *s : {&a, &b}) {
+        if (!s->empty() && s->back() == '.') s->pop_back();
+        for (char &c : *s)
+            c = (char)tolower((unsigned char)c);
+    }
+    return a == b;
+}
+
+} // namespace
+
+std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone)
+{
+    /* the zone is the closest enclosing name that has an SOA record of its own */
+    for (std::string name = domain;;) {
+        Answer a;
+        ask(name, ns_t_soa, {}, a);
+        for (const auto &owner : names_in(a, ns_t_soa, true))
+            if (same_name(owner, name)) zone = name;
+        if (!zone.empty()) break;
+        if (a.n < 0 && a.h_errno_ != HOST_NOT_FOUND && a.h_errno_ != NO_DATA)
+            throw Problem("no answer for the SOA record of " + name +
+                          ": name the servers with --nameserver");
+        size_t dot = name.find('.');
+        if (dot == std::string::npos)
+            throw Problem("no zone found above " + domain + ": name the servers with --nameserver");
+        name = name.substr(dot + 1);
+    }
+    Answer a;
+    ask(zone, ns_t_ns, {}, a);
+    std::vector<NameServer> out;
+    for (const auto &host : names_in(a, ns_t_ns, false)) {
+        Answer addr;
+        ask(host, ns_t_a, {}, addr);
+        auto ips = names_in(addr, ns_t_a, false);
+        if (ips.empty()) out.push_back({host, ""});
+        for (const auto &ip : ips)
+            out.push_back({host, ip});
+    }
+    if (out.empty())
+        throw Problem("no NS records for the zone " + zone +
+                      ": name the servers with --nameserver");
+    return out;
+}
+
 /* check_key - the key file, its published record and their match, for one key */
 static void check_key(const std::string &domain, const std::string &selector, const Nameservers &ns,
                       const Access *user, Report &report)
