@@ -53,7 +53,8 @@ void observe(void *data, int event, int number, const char *text)
             printf("whitelist: admitted by %s\n", whitelist_entry(tcp).c_str());
         break;
     case DK_EVENT_CUT:
-        printf("removed: DKIM-Signature header %d: %s\n", number, text);
+        printf("removed: DKIM-Signature header %d: %.*s\n", number, (int)strcspn(text, "\r\n"),
+               text);
         break;
     case DK_EVENT_KEPT:
         printf("kept: DKIM-Signature header %d: %s\n", number, text);

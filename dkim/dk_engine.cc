@@ -48,15 +48,32 @@ int signs_for(line_sections *ls, const char *text, const char *domain)
     return strcmp(d + 2, domain) == 0;
 }
 
+/* whole_header - node's text and its continuation lines', as me_header_cut takes them */
+std::string whole_header(const me_header *node)
+{
+    std::string text = node->text;
+    for (const me_header *n = node->next; n != nullptr && (n->text[0] == ' ' || n->text[0] == '\t');
+         n = n->next)
+        text += n->text;
+    return text;
+}
+
 /* cut - remove the signature at node; returns the first node kept after it */
 me_header *cut(Run &run, me_header *node)
 {
     for (size_t i = 0; i < run.signatures.size(); i++) {
         if (run.signatures[i] != node) continue;
-        notify(run, DK_EVENT_CUT, (int)i + 1, first_line(node->text).c_str());
+        notify(run, DK_EVENT_CUT, (int)i + 1, whole_header(node).c_str());
         run.signatures[i] = nullptr;
     }
     return me_header_cut(&run.me->headers, node);
+}
+
+/* failed - log the handler's line for a failure and tell the observer its kind */
+void failed(const Run &run, int failure, const char *line)
+{
+    halyx_log(LOG_ERR, "%s", line);
+    notify(run, DK_EVENT_FAILED, failure, line);
 }
 
 /*
@@ -97,7 +114,7 @@ int read_key(const Run &run, const char *domain, const char *selector, char *key
     int status = dk_key_read(path, key, &length);
     if (status != DK_KEY_OK) {
         char *why = dk_key_failure(status, path);
-        halyx_log(LOG_ERR, "%s", why);
+        failed(run, DK_FAIL_KEY, why);
         free(why);
     }
     free(path);
@@ -109,7 +126,9 @@ int sign_message(const Run &run, const char *domain, const char *selector, const
 {
     FILE *msg = fopen(run.me->spool_path, "r");
     if (msg == nullptr) {
-        halyx_log(LOG_ERR, DK_LOG_DKIM_ERROR, "cannot reopen the spooled message");
+        char *why = asprintf_safe(DK_LOG_DKIM_ERROR, "cannot reopen the spooled message");
+        failed(run, DK_FAIL_OUTPUT, why);
+        free(why);
         return -1;
     }
     dk_result *r = keyseal(domain, selector, key, msg);
@@ -117,7 +136,7 @@ int sign_message(const Run &run, const char *domain, const char *selector, const
     char *failure = dk_result_failure(r);
     int rc = 0;
     if (failure != nullptr) {
-        halyx_log(LOG_ERR, "%s", failure);
+        failed(run, dk_sign_key_failure(r->status) ? DK_FAIL_KEY : DK_FAIL_MESSAGE, failure);
         free(failure);
         rc = -1;
     } else if (me_header_add(&run.me->headers, 1, nullptr, r->text) != 0) {
@@ -139,8 +158,12 @@ int handle(Run &run)
 
     line_sections ls;
     int removed = remove_old_signatures(run, job->from_domain, &ls);
-    if (removed < 0 || (removed > 0 && mail_tmpfile_replace(run.me) != 0)) {
-        halyx_log(LOG_ERR, DK_LOG_HEADER_FAILED);
+    if (removed < 0) {
+        failed(run, DK_FAIL_HEADER, DK_LOG_HEADER_FAILED);
+        return DK_ENGINE_FAILED;
+    }
+    if (removed > 0 && mail_tmpfile_replace(run.me) != 0) {
+        failed(run, DK_FAIL_SPOOL, DK_LOG_HEADER_FAILED);
         return DK_ENGINE_FAILED;
     }
     for (size_t i = 0; i < run.signatures.size(); i++)
@@ -154,8 +177,10 @@ int handle(Run &run)
     explicit_bzero(key, sizeof(key));
     free(selector);
     if (rc != 0) return DK_ENGINE_FAILED;
-    if (job->out != nullptr && mail_tmpfile_to_stream(run.me, job->out) != 0)
+    if (job->out != nullptr && mail_tmpfile_to_stream(run.me, job->out) != 0) {
+        notify(run, DK_EVENT_FAILED, DK_FAIL_OUTPUT, "cannot write the signed message");
         return DK_ENGINE_FAILED;
+    }
     return DK_ENGINE_SIGNED;
 }
 
@@ -174,11 +199,16 @@ int dk_engine_run(const dk_engine_job *job)
     mail_spool_guard();
     run.me = mail_stream_to_tmpfile(job->in);
     if (run.me == nullptr) {
-        halyx_log(LOG_ERR, DK_LOG_SPOOL_FAILED);
+        failed(run, DK_FAIL_SPOOL, DK_LOG_SPOOL_FAILED);
         return DK_ENGINE_FAILED;
     }
     notify(run, DK_EVENT_SPOOLED, 0, run.me->spool_path);
     int status = handle(run);
     mail_me_free(run.me);
     return status;
+}
+
+int dk_engine_retry_helps(int failure)
+{
+    return failure != DK_FAIL_HEADER && failure != DK_FAIL_MESSAGE;
 }

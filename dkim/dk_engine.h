@@ -39,11 +39,25 @@ enum dk_engine_event {
     DK_EVENT_SPOOLED, /* text: the spool file */
     DK_EVENT_CUT,     /* a DKIM-Signature header removed; number: its place among the
                        * message's DKIM-Signature headers (1 = first, any letter case);
-                       * text: its first line */
-    DK_EVENT_KEPT,    /* the same for one that stays */
+                       * text: the whole header as cut, its line ends included */
+    DK_EVENT_KEPT,    /* one that stays; number as above, text: its first line */
     DK_EVENT_KEY,     /* text: the key file's path */
     DK_EVENT_SIGNED,  /* text: the new DKIM-Signature header */
+    DK_EVENT_FAILED,  /* number: the dk_engine_failure; text: why, as logged */
 };
+
+/* Where a run failed: whether trying the same message again later can succeed */
+enum dk_engine_failure {
+    DK_FAIL_SPOOL = 1, /* the message could not be spooled (a full disk, say): transient */
+    DK_FAIL_HEADER,    /* the removal walk cannot parse the header block: permanent */
+    DK_FAIL_KEY,       /* the key is missing, unreadable or unusable: transient */
+    DK_FAIL_MESSAGE,   /* the signer refused the message itself (no From:): permanent */
+    DK_FAIL_OUTPUT,    /* the signed message could not be written out: transient */
+};
+
+/* dk_engine_retry_helps - 1 when a failure of this kind may clear by itself or by the
+ * administrator's hand (a key put in place), 0 when the message fails the same way again */
+int dk_engine_retry_helps(int failure);
 
 typedef void (*dk_engine_observer)(void *data, int event, int number, const char *text);
 

@@ -15,6 +15,13 @@
 extern "C" {
 #endif
 
+/* The policy's environment: the chain sets these, keyseal-milter and keyseal-admin too */
+#define DK_ENV_SENDMAIL "PPP_INSIDE_SENDMAIL"
+#define DK_ENV_SENDMAIL_YES "1" /* the one value that counts */
+#define DK_ENV_AUTHORIZED "SMTP_AUTHORIZED"
+#define DK_ENV_REMOTE_IP "TCPREMOTEIP"
+#define DK_LOG_UNSET "NULL" /* an unset TCPREMOTEIP in the skip line */
+
 /* The decision's log lines; keyseal-admin report reads them back from the mail log */
 #define DK_LOG_SENDMAIL "Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing"
 #define DK_LOG_AUTHORIZED "Authorized user (SMTP_AUTHORIZED=%s) -> signing"

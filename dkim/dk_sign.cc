@@ -150,3 +150,9 @@ dk_result *keyseal(const char *domain, const char *selector, const char *key, FI
     dkim_close(lib);
     return result;
 }
+
+int dk_sign_key_failure(int32_t status)
+{
+    return status == DKIM_STAT_NORESOURCE || status == DKIM_STAT_SIGGEN ||
+           status == DKIM_STAT_KEYFAIL || status == DKIM_STAT_NOKEY;
+}

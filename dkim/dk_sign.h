@@ -39,6 +39,9 @@ dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result);
 /* dk_result_failure - the handler's log line when the result cannot be used as a header
  * ("DKIM error: ..."), or NULL when it can; the caller frees it */
 char *dk_result_failure(const dk_result *result);
+/* dk_sign_key_failure - 1 when a failed status means the key could not be used (unloadable,
+ * too short), which the administrator can mend; 0 for a status about the message */
+int dk_sign_key_failure(int32_t status);
 dk_result *dk_result_init(void);
 void dk_result_free(dk_result *result);
 

@@ -3,20 +3,30 @@
  * the keyseal handler's own code.
  *
  * Per message it hands the message, spooled to a file, to the handler's signing engine
- * in a worker process (milter/worker.h) with the handler's arguments and environment taken
- * from the session: PPP_INSIDE_SENDMAIL=1 for mail submitted on the server itself
- * (Postfix's cleanup presents it with {daemon_name} set to the local mark),
- * SMTP_AUTHORIZED from {auth_authen}, TCPREMOTEIP from the SMTP client's address.  The
- * handler decides; the milter only applies the verdict: on PASS it deletes the
- * DKIM-Signature headers the handler removed and inserts the new one first; otherwise
- * the message passes unchanged, or with strict set a failure is a temporary failure.
- * The body is never changed.  Exit status: 0, 1 on a failure to start, 2 usage or
- * configuration error.
+ * in a worker of its helper process (milter/helper.h, milter/pool.h) with the handler's
+ * arguments and environment taken from the session: PPP_INSIDE_SENDMAIL=1 for mail
+ * submitted on the server itself (Postfix's cleanup presents it with {daemon_name} set
+ * to the local mark), SMTP_AUTHORIZED from {auth_authen}, TCPREMOTEIP from the SMTP
+ * client's address.  The handler decides; the milter only applies the verdict: on PASS
+ * it deletes the DKIM-Signature headers the handler removed, where the mail server holds
+ * exactly what the handler cut, and inserts the new ones first; otherwise the message
+ * passes unchanged, or with strict set a failure that a retry may cure is a temporary
+ * failure.  The body is never changed.
+ *
+ * Threads and signals: the main thread owns the signals (SIGHUP reloads the settings,
+ * SIGTERM and SIGINT stop after the messages in flight) and the helper (replaced when it
+ * dies); libmilter runs on a thread of its own with those signals blocked, and serves
+ * each connection on a thread.  Exit status: 0 stopped, 1 a failure to start or to
+ * recover, 2 usage or configuration error.
  */
+#include "milter/helper.h"
 #include "milter/milter_conf.h"
-#include "milter/worker.h"
+#include "milter/milter_log.h"
+#include "milter/pool.h"
 
 #include "dkim/dk_engine.h"
+#include "dkim/dk_key.h"
+#include "dkim/dk_policy.h"
 #include "mailhandler/mh_handler.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
@@ -25,7 +35,9 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -33,10 +45,15 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <memory>
+#include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
+#include <strings.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -46,7 +63,27 @@ using namespace keyseal_milter;
 namespace
 {
 
-Config config;
+/* The settings in force; a reload swaps them, and a message keeps the ones it began with */
+std::mutex config_mutex;
+std::shared_ptr<const Config> current_config;
+std::string config_path = MILTER_CONF_PATH;
+
+std::shared_ptr<const Config> settings()
+{
+    std::lock_guard<std::mutex> lock(config_mutex);
+    return current_config;
+}
+
+/* load_settings - the file, or the defaults when the default file is not there */
+std::shared_ptr<const Config> load_settings()
+{
+    if (config_path == MILTER_CONF_PATH && access(config_path.c_str(), F_OK) != 0)
+        return std::make_shared<const Config>();
+    return std::make_shared<const Config>(load(config_path));
+}
+
+Helper helper;
+std::atomic<int> in_flight{0}; /* messages between MAIL FROM and their end */
 
 /* Stages whose answer is always "continue" until the end of the message: the server is
  * told not to wait for it, and stages the milter has no use for are not sent at all.
@@ -60,10 +97,14 @@ struct Session {
     std::string client;         /* the SMTP client's address, "" when unknown */
     bool local = false;         /* {daemon_name} at connect was the local mark */
     /* the message in progress */
-    std::string sender, auth, queue_id;
+    std::shared_ptr<const Config> config; /* the settings it began with */
+    bool in_message = false;
+    std::string sender, domain, auth, queue_id;
+    bool not_host = false; /* the sender's domain is no host name: not for the handler */
     std::vector<std::string> rcpts;
-    int fd = -1;            /* the message file */
-    bool in_memory = false; /* fd is a memory file, still under IN_MEMORY_MAX */
+    std::vector<std::string> signatures; /* the DKIM-Signature headers as spooled, in order */
+    int fd = -1;                         /* the message file */
+    bool in_memory = false;              /* fd is a memory file, still under IN_MEMORY_MAX */
     size_t size = 0;
     int write_errno = 0; /* not 0: the message could not be kept, for this reason */
 
@@ -74,7 +115,12 @@ struct Session {
         in_memory = false;
         size = 0;
         write_errno = 0;
-        sender.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
+        not_host = false;
+        config.reset();
+        sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
+        signatures.clear();
+        if (in_message) in_flight--;
+        in_message = false;
     }
     ~Session() { reset_message(); }
 
@@ -101,6 +147,17 @@ std::string address(const char *arg)
 {
     std::string a = arg != nullptr ? arg : "";
     return a.size() >= 2 && a.front() == '<' && a.back() == '>' ? a.substr(1, a.size() - 2) : a;
+}
+
+/* address_text - a socket address as text, "" for a family without one */
+std::string address_text(const sockaddr *addr)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    if (addr != nullptr && addr->sa_family == AF_INET)
+        inet_ntop(AF_INET, &((const sockaddr_in *)addr)->sin_addr, text, sizeof(text));
+    else if (addr != nullptr && addr->sa_family == AF_INET6)
+        inet_ntop(AF_INET6, &((const sockaddr_in6 *)addr)->sin6_addr, text, sizeof(text));
+    return text;
 }
 
 /* A message starts in a memory file: most mail is small, and a file system's inode for
@@ -186,12 +243,7 @@ sfsistat on_connect(SMFICTX *ctx, char *, _SOCK_ADDR *addr)
     /* {daemon_name} is read here: later stages may carry cleanup's value instead */
     s->local = macro(ctx, "{daemon_name}") == MILTER_LOCAL_MARK;
     /* the address from the connect call: {client_addr} is not among the default macros */
-    char text[INET6_ADDRSTRLEN] = "";
-    if (addr != nullptr && addr->sa_family == AF_INET)
-        inet_ntop(AF_INET, &((sockaddr_in *)addr)->sin_addr, text, sizeof(text));
-    else if (addr != nullptr && addr->sa_family == AF_INET6)
-        inet_ntop(AF_INET6, &((sockaddr_in6 *)addr)->sin6_addr, text, sizeof(text));
-    s->client = text;
+    s->client = address_text(addr);
     return s->go(SMFIP_NR_CONN);
 }
 
@@ -200,16 +252,24 @@ sfsistat on_envfrom(SMFICTX *ctx, char **argv)
     Session *s = session(ctx);
     if (s == nullptr) return SMFIS_TEMPFAIL;
     s->reset_message();
-    std::string from = address(argv[0]);
-    s->sender = from;
+    s->in_message = true;
+    in_flight++;
+    s->config = settings();
+    s->sender = address(argv[0]);
     s->auth = macro(ctx, "{auth_authen}");
     s->queue_id = macro(ctx, "i");
-    if (!from.empty()) {
-        s->fd = memfd_create("keyseal-milter message", MFD_CLOEXEC);
-        s->in_memory = s->fd >= 0;
-        if (s->fd < 0) s->fd = disk_file();
-        if (s->fd < 0) s->write_errno = errno;
-    }
+    if (s->sender.empty()) return s->go(SMFIP_NR_MAIL);
+    /* the domain as the mail server compares it; one that is no host name could name a
+     * key path anywhere, and is no domain a key was made for */
+    char *domain = dk_domain_canonical(mh_from_domain(s->sender.c_str()));
+    s->not_host = domain == nullptr;
+    s->domain = domain != nullptr ? domain : "";
+    free(domain);
+    if (s->not_host) return s->go(SMFIP_NR_MAIL);
+    s->fd = memfd_create("keyseal-milter message", MFD_CLOEXEC);
+    s->in_memory = s->fd >= 0;
+    if (s->fd < 0) s->fd = disk_file();
+    if (s->fd < 0) s->write_errno = errno;
     return s->go(SMFIP_NR_MAIL);
 }
 
@@ -234,6 +294,8 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     }
     line += "\r\n";
     append(s, line.data(), line.size());
+    /* the mail server numbers a header among those of its name, in any letter case */
+    if (strcasecmp(name, "DKIM-Signature") == 0) s->signatures.push_back(line);
     return s->go(SMFIP_NR_HDR);
 }
 
@@ -253,50 +315,79 @@ sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
     return s->go(SMFIP_NR_BODY);
 }
 
-/* describe - why a handler run gave no signature, for the log */
-std::string describe(const Outcome &o)
+/* not_signed - the message passes unchanged; with strict, and where a retry may cure the
+ * fault, a temporary failure instead.  A message that would fail the same way on every
+ * try passes even then: holding it would only bounce it days later. */
+sfsistat not_signed(SMFICTX *ctx, const Session &s, const std::string &id, const std::string &why,
+                    bool retry)
 {
-    int st = o.wait_status;
-    if (o.timed_out)
-        return "the handler ran past the time limit of " + std::to_string(config.timeout) +
-               " s and was killed";
-    if (st == -1) return "the handler could not be started";
-    if (WIFEXITED(st))
-        return "the handler failed (exit " + std::to_string(WEXITSTATUS(st)) +
-               "; its keyseal lines say why)";
-    if (WIFSIGNALED(st)) return std::string("the handler was killed by ") + strsignal(WTERMSIG(st));
-    return "the handler ended with status " + std::to_string(st);
-}
-
-/* not_signed - fail open (the message passes unchanged) or, with strict, a temporary failure */
-sfsistat not_signed(SMFICTX *ctx, const std::string &id, const std::string &why)
-{
-    if (config.strict) {
-        halyx_log(LOG_ERR, "%s: not signed: %s; temporary failure (strict)", id.c_str(),
-                  why.c_str());
+    if (!retry) {
+        halyx_log(LOG_ERR, MILTER_LOG_PERMANENT, id.c_str(), why.c_str());
+        return SMFIS_CONTINUE;
+    }
+    if (s.config->strict) {
+        halyx_log(LOG_ERR, MILTER_LOG_TEMPFAIL, id.c_str(), why.c_str());
         smfi_setreply(ctx, (char *)"451", (char *)"4.7.1",
                       (char *)"DKIM signing failed, try again later");
         return SMFIS_TEMPFAIL;
     }
-    halyx_log(LOG_ERR, "%s: not signed: %s; the message passes unsigned", id.c_str(), why.c_str());
+    halyx_log(LOG_ERR, MILTER_LOG_NOT_SIGNED, id.c_str(), why.c_str());
     return SMFIS_CONTINUE;
 }
 
-/* apply - the handler's verdict on the message as Postfix holds it */
-sfsistat apply(SMFICTX *ctx, const std::string &id, const Outcome &o)
+/* header_value - "DKIM-Signature: value\n\tmore\n" as the milter protocol takes a value:
+ * after the name and colon, LF folds kept, no last line end */
+std::string header_value(const std::string &header)
+{
+    std::string value = header.substr(strlen(DK_SIGNATURE_HEADER));
+    if (!value.empty() && value.back() == '\n') value.pop_back();
+    return value;
+}
+
+/* apply - the handler's verdict on the message as the mail server holds it */
+sfsistat apply(SMFICTX *ctx, const Session &s, const std::string &id, const Result &r)
 {
     /* the highest first: a deletion never moves the place of one still to come */
-    std::vector<int> removed = o.removed;
-    std::sort(removed.rbegin(), removed.rend());
-    for (int n : removed)
-        if (smfi_chgheader(ctx, (char *)"DKIM-Signature", n, nullptr) != MI_SUCCESS)
-            return not_signed(ctx, id, "the mail server refused to remove an old signature");
-    /* "DKIM-Signature: value\n\tmore\n": the value after the name, LF folds kept */
-    std::string value = o.signature.substr(sizeof("DKIM-Signature:") - 1);
-    if (!value.empty() && value.back() == '\n') value.pop_back();
-    if (smfi_insheader(ctx, 0, (char *)"DKIM-Signature", value.data()) != MI_SUCCESS)
-        return not_signed(ctx, id, "the mail server refused the new signature header");
+    std::vector<Cut> cuts = r.cuts;
+    std::sort(cuts.begin(), cuts.end(),
+              [](const Cut &a, const Cut &b) { return a.place > b.place; });
+    for (const Cut &c : cuts) {
+        /* only what the server holds there, byte for byte: the handler's view of the header
+         * block can differ from the server's (a line longer than the handler reads at once) */
+        if (c.place < 1 || c.place > s.signatures.size() || s.signatures[c.place - 1] != c.text) {
+            halyx_log(LOG_WARNING, MILTER_LOG_CUT_MISMATCH, id.c_str(), (int)c.place);
+            continue;
+        }
+        if (smfi_chgheader(ctx, (char *)"DKIM-Signature", (int)c.place, nullptr) != MI_SUCCESS)
+            return not_signed(ctx, s, id, "the mail server refused to remove an old signature",
+                              true);
+    }
+    /* the last first, each at the top: they stand in the order the engine made them */
+    for (auto sig = r.signatures.rbegin(); sig != r.signatures.rend(); ++sig) {
+        std::string value = header_value(*sig);
+        if (smfi_insheader(ctx, 0, (char *)"DKIM-Signature", value.data()) != MI_SUCCESS)
+            return not_signed(ctx, s, id, "the mail server refused the new signature header", true);
+    }
     return SMFIS_CONTINUE;
+}
+
+/* job_for - the handler's arguments and environment for the session's message */
+Job job_for(const Session &s, const std::string &id)
+{
+    const Config &c = *s.config;
+    Job job;
+    job.queue_id = id;
+    job.from = s.sender;
+    job.domain = s.domain;
+    job.context = c.context(s.domain);
+    job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
+    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES);
+    if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
+    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_REMOTE_IP "=" + s.client);
+    job.selectors = c.selectors_for(s.domain);
+    job.headers = c.headers;
+    job.oversign = c.oversign;
+    return job;
 }
 
 sfsistat on_eom(SMFICTX *ctx)
@@ -305,41 +396,27 @@ sfsistat on_eom(SMFICTX *ctx)
     if (s == nullptr) return SMFIS_TEMPFAIL;
     std::string id = macro(ctx, "i");
     if (id.empty()) id = s->queue_id.empty() ? "NOQUEUE" : s->queue_id;
+    sfsistat answer = SMFIS_CONTINUE;
     if (s->sender.empty()) {
-        halyx_log(LOG_INFO, "%s: null sender (a bounce): not given to the handler", id.c_str());
-        s->reset_message();
-        return SMFIS_CONTINUE;
-    }
-    if (s->write_errno != 0) {
-        std::string why =
-            std::string("cannot spool the message for the handler: ") + strerror(s->write_errno);
-        s->reset_message();
-        return not_signed(ctx, id, why);
-    }
-    Job job;
-    job.queue_id = id;
-    job.from = s->sender;
-    job.context = config.context(mh_from_domain(s->sender.c_str()));
-    job.to = s->rcpts.empty() ? std::vector<std::string>{""} : s->rcpts;
-    if (s->local) job.env.push_back("PPP_INSIDE_SENDMAIL=1");
-    if (!s->auth.empty()) job.env.push_back("SMTP_AUTHORIZED=" + s->auth);
-    if (!s->local && !s->client.empty()) job.env.push_back("TCPREMOTEIP=" + s->client);
-    job.message_fd = s->fd;
-    Outcome o;
-    try {
-        o = Worker::run(job);
-    } catch (const WorkerGone &e) {
-        s->reset_message();
-        return not_signed(ctx, id, e.what());
+        halyx_log(LOG_INFO, MILTER_LOG_NULL_SENDER, id.c_str());
+    } else if (s->not_host) {
+        halyx_log(LOG_INFO, MILTER_LOG_NOT_HOST, id.c_str(), mh_from_domain(s->sender.c_str()));
+    } else if (s->write_errno != 0) {
+        answer = not_signed(ctx, *s, id,
+                            std::string("cannot spool the message for the handler: ") +
+                                strerror(s->write_errno),
+                            true);
+    } else {
+        const Config &c = *s->config;
+        Limits limits{(uint32_t)c.timeout, (uint32_t)c.workers};
+        Result r = helper.run(job_for(*s, id), s->fd, limits);
+        if (r.verdict == Verdict::SIGNED)
+            answer = apply(ctx, *s, id, r);
+        else if (r.verdict == Verdict::FAILED)
+            answer = not_signed(ctx, *s, id, r.reason, r.retry);
     }
     s->reset_message();
-    int st = o.wait_status;
-    if (WIFEXITED(st) && WEXITSTATUS(st) == DK_ENGINE_SKIPPED && !o.timed_out)
-        return SMFIS_CONTINUE;
-    if (WIFEXITED(st) && WEXITSTATUS(st) == DK_ENGINE_SIGNED && !o.timed_out &&
-        !o.signature.empty())
-        return apply(ctx, id, o);
-    return not_signed(ctx, id, describe(o));
+    return answer;
 }
 
 sfsistat on_abort(SMFICTX *ctx)
@@ -355,41 +432,188 @@ sfsistat on_close(SMFICTX *ctx)
     return SMFIS_CONTINUE;
 }
 
-/* watch_helper - the milter cannot sign without its helper: stop, so the service restarts */
-void *watch_helper(void *)
-{
-    int status;
-    while (waitpid(Worker::helper_pid(), &status, 0) < 0 && errno == EINTR) {
-    }
-    halyx_log(LOG_ERR, "the signing helper (pid %d) ended; stopping so that the service restarts",
-              (int)Worker::helper_pid());
-    smfi_stop();
-    return nullptr;
-}
-
 const char USAGE[] =
     "usage: keyseal-milter [-f] [-c FILE] [--check-config] [--help] [--version]\n"
     "  -f, --foreground   stay in the foreground (as the systemd service runs it)\n"
     "  -c, --config FILE  the configuration (default " MILTER_CONF_PATH ")\n"
     "  --check-config     print the effective settings and exit (2 on an error)\n";
 
+/* The main thread's signals arrive as bytes on this pipe */
+int signal_pipe[2] = {-1, -1};
+constexpr char MILTER_ENDED = 'M';
+
+void on_signal(int sig)
+{
+    int saved = errno;
+    char c = (char)sig;
+    if (write(signal_pipe[1], &c, 1) < 0) {
+        /* full: a reload or stop is pending already */
+    }
+    errno = saved;
+}
+
+int milter_status = MI_SUCCESS;
+
+void *milter_thread(void *)
+{
+    milter_status = smfi_main();
+    char c = MILTER_ENDED;
+    if (write(signal_pipe[1], &c, 1) < 0) {
+    }
+    return nullptr;
+}
+
+/* reload - new settings for the messages to come; a mistake keeps the running ones */
+void reload()
+{
+    try {
+        auto fresh = load_settings();
+        auto old = settings();
+        if (fresh->socket != old->socket) {
+            halyx_log(LOG_WARNING,
+                      "socket %s: the listening socket changes when keyseal-milter "
+                      "restarts; it stays %s",
+                      fresh->socket.c_str(), old->socket.c_str());
+            auto kept = std::make_shared<Config>(*fresh);
+            kept->socket = old->socket;
+            fresh = kept;
+        }
+        std::lock_guard<std::mutex> lock(config_mutex);
+        current_config = fresh;
+    } catch (const ConfigError &e) {
+        halyx_log(LOG_ERR, MILTER_LOG_RELOAD_FAILED, e.what());
+        return;
+    }
+    halyx_log(LOG_INFO, MILTER_LOG_RELOADED, config_path.c_str());
+}
+
+/* socket_path - the file of a unix socket setting, "" for an inet one */
+std::string socket_path(const std::string &socket)
+{
+    for (const char *prefix : {"unix:", "local:"})
+        if (socket.rfind(prefix, 0) == 0) return socket.substr(strlen(prefix));
+    return "";
+}
+
+/* ended_how - a wait status in words, for the log */
+std::string ended_how(int status)
+{
+    if (WIFSIGNALED(status)) return std::string("killed by ") + strsignal(WTERMSIG(status));
+    return "exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+/* supervise - the main thread's work until the end: signals, and a helper that dies is
+ * replaced.  A helper that cannot be kept alive (five ends in a minute, or none starts)
+ * ends the process with status 1, so that the service manager restarts the whole. */
+[[noreturn]] void supervise(pid_t helper_pid, int pidfd)
+{
+    using Clock = std::chrono::steady_clock;
+    std::vector<Clock::time_point> ends;
+    bool stopping = false;
+    int status = 0;
+    Clock::time_point deadline;
+    for (;;) {
+        pollfd fds[2] = {{signal_pipe[0], POLLIN, 0}, {pidfd, POLLIN, 0}};
+        if (poll(fds, 2, stopping ? 100 : -1) < 0 && errno != EINTR) break;
+        char sigs[16];
+        ssize_t n = fds[0].revents ? read(signal_pipe[0], sigs, sizeof(sigs)) : 0;
+        for (ssize_t i = 0; i < n; i++) {
+            if (sigs[i] == SIGHUP && !stopping) {
+                reload();
+                continue;
+            }
+            if (sigs[i] == SIGHUP || stopping) continue;
+            /* SIGTERM, SIGINT, or libmilter stopped on its own (a failure) */
+            stopping = true;
+            if (sigs[i] == MILTER_ENDED && milter_status != MI_SUCCESS) status = 1;
+            halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight.load());
+            smfi_stop();
+            auto s = settings();
+            deadline = Clock::now() + std::chrono::seconds(s->timeout + POOL_KILL_GRACE + 5);
+        }
+        if (fds[1].revents) {
+            int st = 0;
+            waitpid(helper_pid, &st, 0);
+            close(pidfd);
+            auto now = Clock::now();
+            ends.push_back(now);
+            std::erase_if(ends,
+                          [&](Clock::time_point t) { return now - t > std::chrono::minutes(1); });
+            halyx_log(LOG_ERR, MILTER_LOG_HELPER_ENDED, (int)helper_pid, ended_how(st).c_str());
+            helper_pid = ends.size() < 5 ? helper.start(pidfd) : -1;
+            if (helper_pid < 0) {
+                halyx_log(LOG_ERR, "cannot keep a signing helper running; stopping so that the "
+                                   "service restarts");
+                status = 1;
+                break;
+            }
+        }
+        if (stopping && (in_flight.load() == 0 || Clock::now() >= deadline)) break;
+    }
+    auto s = settings();
+    std::string path = socket_path(s->socket);
+    if (!path.empty()) unlink(path.c_str());
+    if (!s->pid_file.empty()) unlink(s->pid_file.c_str());
+    halyx_log(LOG_INFO, MILTER_LOG_STOPPED);
+    closelog();
+    /* libmilter's threads are still there: nothing may run their destructors under them */
+    _exit(status);
+}
+
+/* write_pid - the pid file, for keyseal-admin rotate's reload; a failure is logged only */
+void write_pid(const std::string &path)
+{
+    if (path.empty()) return;
+    std::string text = std::to_string(getpid()) + "\n";
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0 || write_all(fd, text.data(), text.size()) != 0)
+        halyx_log(LOG_WARNING, "cannot write the pid file %s: %s", path.c_str(), strerror(errno));
+    if (fd >= 0) close(fd);
+}
+
 } // namespace
+
+/* accept - the one the milter library calls for a connection: a peer of an inet socket
+ * that is not among the clients is refused here, before the library sees it.  Whoever
+ * can talk to the socket can have any message signed. */
+extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
+{
+    sockaddr_storage peer;
+    socklen_t peer_len = sizeof(peer);
+    int conn = (int)syscall(SYS_accept4, fd, (sockaddr *)&peer, &peer_len, 0);
+    if (conn < 0) return -1;
+    if (peer.ss_family == AF_INET || peer.ss_family == AF_INET6) {
+        std::string ip = address_text((const sockaddr *)&peer);
+        auto c = settings();
+        if (c && !c->client_allowed(ip)) {
+            halyx_log(LOG_WARNING, MILTER_LOG_REFUSED, ip.c_str());
+            close(conn);
+            errno = EINTR; /* the library's listener goes on to the next connection */
+            return -1;
+        }
+    }
+    if (addr != nullptr && len != nullptr) {
+        memcpy(addr, &peer, std::min<socklen_t>(*len, peer_len));
+        *len = peer_len;
+    }
+    return conn;
+}
 
 int main(int argc, char **argv)
 {
+    if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) pool_main(POOL_REQUESTS_FD);
     static const option options[] = {
         {"foreground", no_argument, nullptr, 'f'},   {"config", required_argument, nullptr, 'c'},
         {"check-config", no_argument, nullptr, 'k'}, {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'v'},      {nullptr, 0, nullptr, 0}};
     bool foreground = false, check_only = false;
-    std::string path = MILTER_CONF_PATH;
     for (int c; (c = getopt_long(argc, argv, "fc:", options, nullptr)) != -1;) {
         switch (c) {
         case 'f':
             foreground = true;
             break;
         case 'c':
-            path = optarg;
+            config_path = optarg;
             break;
         case 'k':
             check_only = true;
@@ -410,18 +634,18 @@ int main(int argc, char **argv)
         return 2;
     }
     try {
-        /* without the file at the default place, the defaults; a named file must exist */
-        if (path != MILTER_CONF_PATH || access(path.c_str(), F_OK) == 0) config = load(path);
+        current_config = load_settings();
     } catch (const ConfigError &e) {
         fprintf(stderr, "keyseal-milter: %s\n", e.what());
         return 2;
     }
+    const Config &config = *current_config;
     if (check_only) {
         fputs(config.settings().c_str(), stdout);
         return 0;
     }
 
-    halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, 0, "keyseal-milter");
+    halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, 0, MILTER_IDENT);
     smfiDesc desc = {};
     desc.xxfi_name = (char *)"keyseal";
     desc.xxfi_version = SMFI_VERSION;
@@ -438,8 +662,8 @@ int main(int argc, char **argv)
     desc.xxfi_negotiate = on_negotiate;
     /* the socket's group (postfix, from the setgid directory) must be able to connect */
     umask(007);
-    if (smfi_setconn(config.socket.data()) != MI_SUCCESS || smfi_register(desc) != MI_SUCCESS ||
-        smfi_opensocket(1) != MI_SUCCESS) {
+    if (smfi_setconn((char *)config.socket.c_str()) != MI_SUCCESS ||
+        smfi_register(desc) != MI_SUCCESS || smfi_opensocket(1) != MI_SUCCESS) {
         fprintf(stderr, "keyseal-milter: cannot listen on %s: %s\n", config.socket.c_str(),
                 strerror(errno));
         return 1;
@@ -448,19 +672,39 @@ int main(int argc, char **argv)
         fprintf(stderr, "keyseal-milter: cannot become a daemon: %s\n", strerror(errno));
         return 1;
     }
-    /* before libmilter's threads: the helper forks every worker */
+    write_pid(config.pid_file);
+
+    if (pipe2(signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return 1;
+    struct sigaction sa = {};
+    sa.sa_handler = on_signal;
+    sa.sa_flags = SA_RESTART;
+    for (int sig : {SIGHUP, SIGTERM, SIGINT})
+        sigaction(sig, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    int pidfd = -1;
     fflush(nullptr);
-    try {
-        Worker::start(config.timeout);
-    } catch (const WorkerGone &e) {
-        halyx_log(LOG_ERR, "%s", e.what());
+    pid_t helper_pid = helper.start(pidfd);
+    if (helper_pid < 0 || pidfd < 0) {
+        halyx_log(LOG_ERR, "cannot start the signing helper: %s", strerror(errno));
         return 1;
     }
-    pthread_t watcher;
-    pthread_create(&watcher, nullptr, watch_helper, nullptr);
-    halyx_log(LOG_INFO, "listening on %s (selector %s, %s, time limit %d s)", config.socket.c_str(),
-              config.selector.c_str(), config.strict ? "strict" : "fail open", config.timeout);
-    int rc = smfi_main();
-    halyx_log(LOG_INFO, "stopped");
-    return rc == MI_SUCCESS ? 0 : 1;
+    /* libmilter and the threads it makes keep these signals blocked: a process-directed
+     * signal then goes to the main thread, which alone has them open */
+    sigset_t owned, previous;
+    sigemptyset(&owned);
+    for (int sig : {SIGHUP, SIGTERM, SIGINT})
+        sigaddset(&owned, sig);
+    pthread_sigmask(SIG_BLOCK, &owned, &previous);
+    pthread_t thread;
+    int started = pthread_create(&thread, nullptr, milter_thread, nullptr);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (started != 0) {
+        halyx_log(LOG_ERR, "cannot start the milter thread: %s", strerror(started));
+        return 1;
+    }
+    halyx_log(LOG_INFO, "listening on %s (selector %s, %s, time limit %d s, workers %d)",
+              config.socket.c_str(), config.selector.front().c_str(),
+              config.strict ? "strict" : "fail open", config.timeout, config.workers);
+    supervise(helper_pid, pidfd);
 }

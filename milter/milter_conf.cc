@@ -3,13 +3,17 @@
 #include "conf/hlx_conf.h"
 #include "dkim/dk_key.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace keyseal_milter
 {
@@ -17,17 +21,46 @@ namespace keyseal_milter
 namespace
 {
 
+/* The fields a signer should sign when present, and those signed once more than they
+ * occur so that a receiver sees any copy added later as a failed signature */
+const std::vector<std::string> DEFAULT_HEADERS{"From",
+                                               "Reply-To",
+                                               "Subject",
+                                               "Date",
+                                               "To",
+                                               "Cc",
+                                               "Resent-Date",
+                                               "Resent-From",
+                                               "Resent-To",
+                                               "Resent-Cc",
+                                               "In-Reply-To",
+                                               "References",
+                                               "List-Id",
+                                               "List-Help",
+                                               "List-Unsubscribe",
+                                               "List-Subscribe",
+                                               "List-Post",
+                                               "List-Owner",
+                                               "List-Archive",
+                                               "Message-ID",
+                                               "MIME-Version",
+                                               "Content-Type",
+                                               "Content-Transfer-Encoding"};
+const std::vector<std::string> DEFAULT_OVERSIGN{"From",       "To",           "Cc",
+                                                "Reply-To",   "Subject",      "Date",
+                                                "Message-ID", "MIME-Version", "Content-Type"};
+
 struct TableFree {
     void operator()(conf_table *t) const { conf_free_r(t); }
 };
 
-/* a selector the handler can turn into a key path of one component */
-bool plain_name(const std::string &s)
+std::vector<std::string> words(const std::string &text)
 {
-    if (s.empty() || s[0] == '.' || s.find('/') != std::string::npos) return false;
-    for (unsigned char c : s)
-        if (c <= ' ' || c == 0x7f || c == ',') return false;
-    return true;
+    std::istringstream in(text);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;)
+        out.push_back(w);
+    return out;
 }
 
 bool flag(const std::string &v, bool &out)
@@ -39,39 +72,115 @@ bool flag(const std::string &v, bool &out)
     return false;
 }
 
-void read_map(Config &c)
+/* selector_list - one or two selectors; throws with at's "FILE:LINE: " */
+std::vector<std::string> selector_list(const std::vector<std::string> &names, const std::string &at)
+{
+    if (names.empty() || names.size() > 2) throw ConfigError(at + "expected one or two selectors");
+    for (const auto &s : names)
+        if (const char *why = dk_selector_problem(s.c_str()))
+            throw ConfigError(at + "selector '" + s + "' is no name: " + why);
+    if (names.size() == 2 && names[0] == names[1])
+        throw ConfigError(at + "selector '" + names[0] + "' named twice");
+    return names;
+}
+
+/* field_list - header field names: printable, no ':' */
+std::vector<std::string> field_list(const std::vector<std::string> &names, const std::string &at)
+{
+    for (const auto &n : names)
+        for (unsigned char c : n)
+            if (c <= ' ' || c >= 0x7f || c == ':')
+                throw ConfigError(at + "'" + n + "' is no header field name");
+    return names;
+}
+
+/* network_list - the clients: addresses or networks in the whitelist's notation; an
+ * address without a prefix is that one address (the whitelist's bare IPv6 word admits
+ * every IPv6 client, which no list of trusted peers should) */
+std::vector<halyx::net::IPAnyNetwork> network_list(std::vector<std::string> &names,
+                                                   const std::string &at)
+{
+    std::vector<halyx::net::IPAnyNetwork> out;
+    for (auto &n : names) {
+        std::string word = n;
+        if (word.find('/') == std::string::npos)
+            word += word.find(':') != std::string::npos ? "/128" : "/32";
+        halyx::net::IPAnyNetwork net(word);
+        if (net.family() == AF_UNSPEC) throw ConfigError(at + "'" + n + "' is no network");
+        out.push_back(net);
+    }
+    return out;
+}
+
+void read_map(Config &c, bool must_exist)
 {
     std::ifstream in(c.selector_map);
-    if (!in) throw ConfigError(c.selector_map + ": " + strerror(errno));
+    if (!in) {
+        if (!must_exist && errno == ENOENT) return;
+        throw ConfigError(c.selector_map + ": " + strerror(errno));
+    }
     std::string line;
     for (int n = 1; std::getline(in, line); n++) {
-        line = line.substr(0, line.find('#'));
-        std::istringstream words(line);
-        std::string domain, selector, extra;
-        if (!(words >> domain)) continue;
-        if (!(words >> selector) || (words >> extra) || !plain_name(selector))
-            throw ConfigError(c.selector_map + ":" + std::to_string(n) +
-                              ": expected DOMAIN SELECTOR");
-        c.selectors[domain] = selector;
+        std::vector<std::string> w = words(line.substr(0, line.find('#')));
+        if (w.empty()) continue;
+        std::string at = c.selector_map + ":" + std::to_string(n) + ": ";
+        if (w.size() < 2 || w.size() > 3)
+            throw ConfigError(at + "expected DOMAIN SELECTOR [SELECTOR2]");
+        std::unique_ptr<char, decltype(&free)> domain(dk_domain_canonical(w[0].c_str()), free);
+        if (!domain) throw ConfigError(at + "'" + w[0] + "' is not a domain name");
+        c.selectors[domain.get()] = selector_list({w.begin() + 1, w.end()}, at);
     }
+}
+
+std::string joined(const std::vector<std::string> &v)
+{
+    std::string out;
+    for (const auto &s : v)
+        out += (out.empty() ? "" : " ") + s;
+    return out;
 }
 
 } // namespace
 
-std::string Config::context(const std::string &domain) const
+Config::Config() : headers(DEFAULT_HEADERS), oversign(DEFAULT_OVERSIGN)
+{
+    std::vector<std::string> c = clients;
+    client_networks = network_list(c, "");
+}
+
+const std::vector<std::string> &Config::selectors_for(const std::string &domain) const
 {
     auto it = selectors.find(domain);
-    return DK_CONTEXT_SELECTOR + (it != selectors.end() ? it->second : selector);
+    return it != selectors.end() ? it->second : selector;
+}
+
+std::string Config::context(const std::string &domain) const
+{
+    return DK_CONTEXT_SELECTOR + selectors_for(domain).front();
+}
+
+bool Config::client_allowed(const std::string &ip) const
+{
+    for (const auto &n : client_networks)
+        if (n.contains(ip)) return true;
+    return false;
 }
 
 std::string Config::settings() const
 {
     std::ostringstream out;
-    out << "socket " << socket << "\nselector " << selector << "\nstrict "
-        << (strict ? "yes" : "no") << "\ntimeout " << timeout << "\n";
-    if (!selector_map.empty()) out << "selector_map " << selector_map << "\n";
-    for (const auto &[domain, sel] : selectors)
-        out << "# " << domain << " signs with selector " << sel << "\n";
+    out << "socket " << socket << "\nclients " << joined(clients) << "\nselector "
+        << joined(selector) << "\nstrict " << (strict ? "yes" : "no") << "\ntimeout " << timeout
+        << "\nworkers " << workers << "\npid_file " << (pid_file.empty() ? "none" : pid_file)
+        << "\nsigning_domain " << (signing_domain == SigningDomain::HEADER ? "header" : "envelope")
+        << "\nheaders " << joined(headers) << "\noversign "
+        << (oversign.empty() ? "none" : joined(oversign)) << "\nselector_map " << selector_map
+        << "\n";
+    out << "# " << selectors.size() << " domains in the selector map\n";
+    if (selectors.size() <= 20)
+        for (const auto &[domain, sel] :
+             std::map<std::string, std::vector<std::string>>(selectors.begin(), selectors.end()))
+            out << "# " << domain << " signs with selector " << joined(sel) << "\n";
     return out.str();
 }
 
@@ -79,6 +188,7 @@ Config load(const std::string &path)
 {
     Config c;
     c.path = path;
+    bool map_named = false;
     std::unique_ptr<conf_table, TableFree> t((conf_table *)calloc(1, sizeof(conf_table)));
     if (!t || conf_read_file_r(path.c_str(), t.get()) != 0)
         throw ConfigError(path + ": " + strerror(errno));
@@ -88,30 +198,59 @@ Config load(const std::string &path)
     for (size_t i = 0; i < t->count; i++) {
         const conf_entry &e = t->entries[i];
         std::string name = e.name, value = e.value, at = path + ":" + std::to_string(e.line) + ": ";
+        std::vector<std::string> list = words(value);
         char *end = nullptr;
+        long number = strtol(value.c_str(), &end, 10);
+        bool whole = !value.empty() && *end == '\0';
         if (name == "socket") {
             if (value.rfind("unix:", 0) != 0 && value.rfind("local:", 0) != 0 &&
                 value.rfind("inet:", 0) != 0 && value.rfind("inet6:", 0) != 0)
                 throw ConfigError(at + "socket takes unix:PATH or inet:PORT@HOST");
+            /* a port alone would listen on every address: loopback is what was meant */
+            if (value.find('@') == std::string::npos && value.rfind("inet:", 0) == 0)
+                value += "@127.0.0.1";
+            else if (value.find('@') == std::string::npos && value.rfind("inet6:", 0) == 0)
+                value += "@::1";
             c.socket = value;
         } else if (name == "selector") {
-            if (!plain_name(value)) throw ConfigError(at + "selector '" + value + "' is no name");
-            c.selector = value;
+            c.selector = selector_list(list, at);
         } else if (name == "strict") {
             if (!flag(value, c.strict)) throw ConfigError(at + "strict takes yes or no");
         } else if (name == "timeout") {
-            long v = strtol(value.c_str(), &end, 10);
-            if (*end != '\0' || v < 1 || v > 3600)
+            if (!whole || number < 1 || number > 3600)
                 throw ConfigError(at + "timeout takes seconds from 1 to 3600");
-            c.timeout = (int)v;
+            c.timeout = (int)number;
+        } else if (name == "workers") {
+            if (!whole || number < 1 || number > 1000)
+                throw ConfigError(at + "workers takes a number from 1 to 1000");
+            c.workers = (int)number;
         } else if (name == "selector_map") {
             c.selector_map = value;
+            map_named = true;
+        } else if (name == "clients") {
+            c.client_networks = network_list(list, at);
+            c.clients = list;
+        } else if (name == "pid_file") {
+            c.pid_file = value == "none" ? "" : value;
+        } else if (name == "headers") {
+            c.headers = field_list(list, at);
+            if (std::none_of(list.begin(), list.end(), [](const std::string &h) {
+                    return strcasecmp(h.c_str(), "From") == 0;
+                }))
+                throw ConfigError(at + "headers must name From");
+        } else if (name == "oversign") {
+            c.oversign = value == "none" ? std::vector<std::string>{} : field_list(list, at);
+        } else if (name == "signing_domain") {
+            if (value != "envelope" && value != "header")
+                throw ConfigError(at + "signing_domain takes envelope or header");
+            c.signing_domain = value == "header" ? SigningDomain::HEADER : SigningDomain::ENVELOPE;
         } else {
             throw ConfigError(at + "unknown setting '" + name +
-                              "' (socket, selector, strict, timeout, selector_map)");
+                              "' (socket, clients, selector, strict, timeout, workers, "
+                              "selector_map, pid_file, headers, oversign, signing_domain)");
         }
     }
-    if (!c.selector_map.empty()) read_map(c);
+    read_map(c, map_named);
     return c;
 }
 

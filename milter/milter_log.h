@@ -16,11 +16,11 @@
 #define MILTER_LOG_NULL_SENDER "%s: null sender (a bounce): not given to the handler"
 /* queue id, the envelope sender's domain as the client gave it */
 #define MILTER_LOG_NOT_HOST                                                                        \
-    "%s: sender domain '%s' is not a host name: not given to the handler; the message passes "    \
+    "%s: sender domain '%s' is not a host name: not given to the handler; the message passes "     \
     "unsigned"
 /* queue id, the place among the DKIM-Signature headers */
 #define MILTER_LOG_CUT_MISMATCH                                                                    \
-    "%s: warning: the handler cut DKIM-Signature header %d, which the mail server does not hold " \
+    "%s: warning: the handler cut DKIM-Signature header %d, which the mail server does not hold "  \
     "as cut: left in place"
 /* queue id, d=, the From: header's domain */
 #define MILTER_LOG_MISALIGNED "%s: signed d=%s but From: is %s: DMARC will not align"

@@ -199,8 +199,13 @@ class Lab:
     def start_milter(self, conf_text=""):
         """keyseal-milter as the service runs it: as keyseal, /etc/keyseal/milter.conf."""
         os.makedirs("/etc/keyseal", exist_ok=True)
+        # the service's RuntimeDirectory, here inside the lab: keyseal-admin finds the pid there
+        run = os.path.join(self.root, "run")
+        os.makedirs(run, exist_ok=True)
+        shutil.chown(run, "keyseal", "keyseal")
+        self.pid_file = os.path.join(run, "keyseal-milter.pid")
         with open("/etc/keyseal/milter.conf", "w") as f:
-            f.write(conf_text)
+            f.write(conf_text if "pid_file" in conf_text else f"pid_file {self.pid_file}\n" + conf_text)
         os.makedirs(QUEUE + "/keyseal", exist_ok=True)
         shutil.chown(QUEUE + "/keyseal", "keyseal", "postfix")
         os.chmod(QUEUE + "/keyseal", 0o2750)

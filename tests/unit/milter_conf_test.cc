@@ -27,6 +27,16 @@ TEST(MilterConf, SettingsAndMistakesByLine)
         {"selector s1\nsockt unix:/x\n", ":2: unknown setting 'sockt'", ""},
         {"# fine\n3C\nselector s1\n", ":2: expected a name, blanks and a value", ""},
         {"selector_map " + map + "\n", "selectors:4: expected DOMAIN SELECTOR", ""},
+        {"selector rsa1 ed1\n", "", "dkimsel=rsa1"},
+        {"selector a b c\n", ":1: expected one or two selectors", ""},
+        {"selector a,b\n", ":1: selector 'a,b' is no name: it holds ','", ""},
+        {"workers 0\n", ":1: workers takes a number from 1 to 1000", ""},
+        {"workers 12x\n", ":1: workers takes a number from 1 to 1000", ""},
+        {"clients 10.0.0.0/8 relay\n", ":1: 'relay' is no network", ""},
+        {"headers To Subject\n", ":1: headers must name From", ""},
+        {"headers From X:Y\n", ":1: 'X:Y' is no header field name", ""},
+        {"signing_domain from\n", ":1: signing_domain takes envelope or header", ""},
+        {"selector_map /nonexistent/map\n", "/nonexistent/map: No such file", ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
@@ -45,6 +55,34 @@ TEST(MilterConf, SettingsAndMistakesByLine)
     auto mapped = keyseal_milter::load(conf);
     EXPECT_EQ(mapped.context("example.org") + " " + mapped.context("example.com"),
               "dkimsel=s2 dkimsel=default");
+
+    /* the map's domains as mail servers compare them; two selectors sign twice */
+    write_file(map, "Example.ORG. rsa2 ed2\n");
+    write_file(conf, "selector_map " + map + "\nselector d1 d2\n");
+    auto dual = keyseal_milter::load(conf);
+    EXPECT_EQ(dual.selectors_for("example.org"), (std::vector<std::string>{"rsa2", "ed2"}));
+    EXPECT_EQ(dual.selectors_for("example.com"), (std::vector<std::string>{"d1", "d2"}));
+    write_file(map, "../x s1\n");
+    EXPECT_THROW(keyseal_milter::load(conf), ConfigError);
+
+    /* a port alone listens on loopback; clients admit by network, an address alone is one */
+    const struct {
+        std::string text, socket, allowed, refused;
+    } nets[] = {
+        {"socket inet:8891\n", "inet:8891@127.0.0.1", "127.0.0.1", "10.0.0.6"},
+        {"socket inet:8891@0.0.0.0\nclients 10.0.0.5 127.0.0.0/8\n", "inet:8891@0.0.0.0",
+         "10.0.0.5", "10.0.0.6"},
+        {"clients 2001:db8::1\n", "unix:/var/spool/postfix/keyseal/milter.sock", "2001:db8::1",
+         "2001:db8::2"},
+    };
+    for (const auto &n : nets) {
+        SCOPED_TRACE(n.text);
+        write_file(conf, n.text);
+        auto c = keyseal_milter::load(conf);
+        EXPECT_EQ(c.socket, n.socket);
+        EXPECT_TRUE(c.client_allowed(n.allowed));
+        EXPECT_FALSE(c.client_allowed(n.refused));
+    }
 }
 
 } // namespace
