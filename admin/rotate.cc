@@ -29,11 +29,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* TEMPORARY (h2): until milter_conf.h has the map's default path */
-#ifndef MILTER_SELECTOR_MAP_PATH
-#define MILTER_SELECTOR_MAP_PATH "/etc/keyseal/selectors"
-#endif
-
 namespace keyseal_admin
 {
 
@@ -165,12 +160,22 @@ struct Milter {
                 throw Problem(std::string(e.what()) + ": keyseal-milter --check-config names it");
             }
         }
-        map_path = config.selector_map.empty() ? MILTER_SELECTOR_MAP_PATH : config.selector_map;
+        map_path = config.selector_map;
         std::ifstream in(map_path);
         if (!in && errno != ENOENT)
             throw Problem("cannot read the selector map " + errno_text(map_path));
         for (std::string line; std::getline(in, line);)
             lines.push_back(line);
+    }
+
+    /* same_domain - a map line's domain is this one, compared as keyseal-milter does */
+    static bool same_domain(const std::vector<std::string> &words, const std::string &domain)
+    {
+        if (words.empty()) return false;
+        char *c = dk_domain_canonical(words[0].c_str());
+        bool same = c != nullptr && domain == c;
+        free(c);
+        return same;
     }
 
     static std::vector<std::string> words(const std::string &line)
@@ -187,9 +192,9 @@ struct Milter {
     {
         for (const auto &line : lines) {
             auto w = words(line);
-            if (!w.empty() && w[0] == domain) return {w.begin() + 1, w.end()};
+            if (same_domain(w, domain)) return {w.begin() + 1, w.end()};
         }
-        return words(config.selector);
+        return config.selector;
     }
 
     /* switch_selector - the domain's line with old replaced by now (a new line when the
@@ -204,7 +209,7 @@ struct Milter {
         bool found = false;
         for (auto &l : lines) {
             auto w = words(l);
-            if (!w.empty() && w[0] == domain) {
+            if (same_domain(w, domain)) {
                 l = line;
                 found = true;
             }
@@ -216,19 +221,6 @@ struct Milter {
         State::replace_file(map_path, text, 0644);
     }
 
-    /* pid_file - where keyseal-milter keeps its process id */
-    std::string pid_file() const { return pid_file_of(config, 0); }
-    template <typename C>
-    static auto pid_file_of(const C &c, int) -> decltype(std::string(c.pid_file))
-    {
-        return c.pid_file;
-    }
-    /* TEMPORARY (h2): until milter_conf has the pid_file setting */
-    template <typename C> static std::string pid_file_of(const C &, long)
-    {
-        return "/run/keyseal-milter/keyseal-milter.pid";
-    }
-
     /* reload - keyseal-milter told to read its map again: "" when done, else why not */
     std::string reload() const
     {
@@ -238,11 +230,13 @@ struct Milter {
             std::string err = r.err.substr(0, r.err.find('\n'));
             return "systemctl reload keyseal-milter failed" + (err.empty() ? "" : ": " + err);
         }
-        std::ifstream in(pid_file());
+        const std::string &pid_file = config.pid_file;
+        if (pid_file.empty()) return "its pid_file is none, so no process to signal";
+        std::ifstream in(pid_file);
         long pid = 0;
-        if (!(in >> pid) || pid <= 1) return "no process id in " + pid_file() + " (is it running?)";
+        if (!(in >> pid) || pid <= 1) return "no process id in " + pid_file + " (is it running?)";
         if (kill((pid_t)pid, SIGHUP) != 0)
-            return "cannot signal process " + std::to_string(pid) + " of " + pid_file() + ": " +
+            return "cannot signal process " + std::to_string(pid) + " of " + pid_file + ": " +
                    strerror(errno);
         return "";
     }

@@ -52,14 +52,14 @@ def milter(self, installed):
 harness.Sandbox.milter = milter
 
 
-def rotate(rot, *args, reload_observer=False):
+def rotate(rot, *args, reload_observer=False, pid_file=PID):
     """keyseal-admin rotate ARGS as installed; with reload_observer, a process named in
     keyseal-milter's pid file, and .observer tells what ended it: 'SIGHUP' (the reload) or
     'not signalled'."""
     admin = f"{rot.bin}/keyseal-admin rotate " + " ".join(args)
     script = admin
     if reload_observer:
-        script = (f"mkdir -p {os.path.dirname(PID)}; sleep 600 & p=$!; echo $p > {PID}; "
+        script = (f"mkdir -p {os.path.dirname(pid_file)}; sleep 600 & p=$!; echo $p > {pid_file}; "
                   f"{admin}; rc=$?; kill -0 $p 2>/dev/null && kill $p; {{ wait $p; }} 2>/dev/null; "
                   f"echo observer $? >&2; exit $rc")
     r = rot.run(["-c", script], binary="/bin/sh", argv0="sh",
@@ -214,3 +214,23 @@ def test_refusals_and_overrides(rot, key, case, status, expect):
         r = rotate(rot, "retire", "example.com")
     assert r.status == status and expect.replace(b"DAY", day.encode()) in r.stdout + r.stderr, \
         r.stdout + r.stderr
+
+
+@pytest.mark.parametrize("conf,map_file,pid_file,before,after", [
+    # the settings name the map and the pid file; the line is found whatever its spelling
+    ("selector_map /etc/keyseal/map2\npid_file /run/m.pid\n", "map2", "/run/m.pid",
+     "Example.COM. old\n", "example.com NEW\n"),
+    # no line for the domain: it signed with the default selector, and gets a line of its own
+    ("selector old\n", "selectors", PID, "other.org keep\n", "other.org keep\nexample.com NEW\n"),
+])
+def test_switch_follows_milter_conf(rot, conf, map_file, pid_file, before, after):
+    with open(os.path.join(rot.root, "keyseal", "milter.conf"), "w") as f:
+        f.write(conf)
+    with open(os.path.join(rot.root, "keyseal", map_file), "w") as f:
+        f.write(before)
+    r = rotate(rot, "start", "example.com", "--selector", "NEW")
+    assert r.status == 0 and b"to replace old" in r.stderr, r.stderr
+    rot.serve(r.stdout.decode())
+    r = rotate(rot, "switch", "example.com", reload_observer=True, pid_file=pid_file)
+    assert (r.status, r.observer) == (0, "SIGHUP"), r.stdout + r.stderr
+    assert open(os.path.join(rot.root, "keyseal", map_file)).read() == after
