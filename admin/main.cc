@@ -30,6 +30,8 @@ int main(int argc, char **argv)
 {
     /* before anything logs: the library's messages belong on the terminal, not in syslog */
     halyx_log_init("stderr", LOG_INFO, LOG_MAIL, 0, nullptr);
+    /* a line at a time: what goes to standard output and error reads in the order written */
+    setvbuf(stdout, nullptr, _IOLBF, 0);
 
     CLI::App app{"keyseal-admin - keys, DNS records, checks and the self-test for keyseal"};
     app.set_version_flag("--version", "keyseal-admin " KEYSEAL_VERSION);
