@@ -74,14 +74,6 @@ bool key_is_ed25519(const std::string &domain, const std::string &selector)
     return key && key_type(key.get()) == "ed25519";
 }
 
-/* TEMPORARY (h2): until dk_engine_job.by_key_type is merged from main */
-template <typename Job>
-auto choose_by_key_type(Job &job, int) -> decltype(job.by_key_type = 1, void())
-{
-    job.by_key_type = 1;
-}
-template <typename Job> void choose_by_key_type(Job &, long) {}
-
 /* sign_as_milter - the engine run in a child as keyseal-milter runs it, the algorithm chosen
  * by the key's type; the child takes the user's identity first when one is given */
 Run sign_as_milter(const std::string &domain, const std::string &selector,
@@ -107,7 +99,7 @@ Run sign_as_milter(const std::string &domain, const std::string &selector,
         job.context = context.c_str();
         job.in = in;
         job.out = signed_out;
-        choose_by_key_type(job, 0);
+        job.by_key_type = 1; /* keyseal-milter's choice: the algorithm of the key's type */
         int status = dk_engine_run(&job);
         _exit(fclose(signed_out) == 0 ? status : DK_ENGINE_FAILED);
     }
