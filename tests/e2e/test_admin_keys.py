@@ -231,6 +231,7 @@ def test_self_test_ed25519_signs_as_the_milter(admin, published, status, expect)
     r = admin.run_admin(["test", "example.com"])
     assert (r.status, admin.spool()) == (status, []), r.stdout + r.stderr
     assert b"note: signing as keyseal-milter signs" in r.stdout and re.search(expect, r.stdout), r.stdout
+    assert b"note: DKIM-Signature: v=1; a=ed25519-sha256;" in r.stdout
 
 
 @pytest.mark.parametrize("args,said", [
