@@ -21,7 +21,6 @@ void Report::line(const char *kind, const std::string &what) const
 
 bool valid_name(const std::string &name)
 {
-    /* a key's directory and file are each one path component a CONTEXT can name */
     return dk_selector_problem(name.c_str()) == nullptr;
 }
 
@@ -30,16 +29,15 @@ std::string canonical_domain(const std::string &domain)
     char *c = dk_domain_canonical(domain.c_str());
     if (c == nullptr)
         throw Usage("invalid domain '" + domain +
-                    "': not a host name (letters, digits, hyphens and dots) or an address "
-                    "literal such as [192.0.2.1]");
+                    "': a host name (letters, digits, hyphens and dots) or an address literal");
     std::string out = c;
     free(c);
     return out;
 }
 
-void check_names(const std::string &domain, const std::string &selector)
+void check_names(std::string &domain, const std::string &selector)
 {
-    canonical_domain(domain);
+    domain = canonical_domain(domain);
     if (const char *why = dk_selector_problem(selector.c_str()))
         throw Usage("invalid selector '" + selector + "': " + why);
 }

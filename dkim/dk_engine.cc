@@ -121,8 +121,9 @@ int read_key(const Run &run, const char *domain, const char *selector, char *key
     return status == DK_KEY_OK ? 0 : -1;
 }
 
-/* sign_message - sign the spool file and put the header first; 0 or -1 after logging */
-int sign_message(const Run &run, const char *domain, const char *selector, const char *key)
+/* sign_message - sign the spool file once per signer and put the headers first, in the
+ * signers' order; 0 when at least one signature was made, -1 after logging otherwise */
+int sign_message(const Run &run, const char *domain, const std::vector<dk_signer> &signers)
 {
     FILE *msg = fopen(run.me->spool_path, "r");
     if (msg == nullptr) {
@@ -131,20 +132,29 @@ int sign_message(const Run &run, const char *domain, const char *selector, const
         free(why);
         return -1;
     }
-    dk_result *r = keyseal(domain, selector, key, msg);
+    const dk_engine_job *job = run.job;
+    std::vector<dk_result *> results(signers.size());
+    keyseal_each(domain, signers.data(), signers.size(), job->sign_headers, job->oversign, msg,
+                 results.data());
     fclose(msg);
-    char *failure = dk_result_failure(r);
-    int rc = 0;
-    if (failure != nullptr) {
+    std::vector<const char *> made;
+    for (dk_result *r : results) {
+        char *failure = dk_result_failure(r);
+        if (failure == nullptr) {
+            made.push_back(r->text);
+            continue;
+        }
         failed(run, dk_sign_key_failure(r->status) ? DK_FAIL_KEY : DK_FAIL_MESSAGE, failure);
         free(failure);
-        rc = -1;
-    } else if (me_header_add(&run.me->headers, 1, nullptr, r->text) != 0) {
-        rc = -1;
-    } else {
-        notify(run, DK_EVENT_SIGNED, 0, r->text);
     }
-    dk_result_free(r);
+    int rc = made.empty() ? -1 : 0;
+    /* each at the very top: the last first, so that they stand in the signers' order */
+    for (auto t = made.rbegin(); rc == 0 && t != made.rend(); ++t)
+        if (me_header_add(&run.me->headers, 1, nullptr, *t) != 0) rc = -1;
+    for (size_t i = 0; rc == 0 && i < made.size(); i++)
+        notify(run, DK_EVENT_SIGNED, (int)i, made[i]);
+    for (dk_result *r : results)
+        dk_result_free(r);
     return rc;
 }
 
@@ -153,7 +163,7 @@ int handle(Run &run)
 {
     const dk_engine_job *job = run.job;
     for (me_header *n = run.me->headers.first; n != nullptr; n = n->next)
-        if (strncasecmp(n->text, DK_SIGNATURE_HEADER, sizeof(DK_SIGNATURE_HEADER) - 1) == 0)
+        if (strncasecmp(n->text, DK_SIGNATURE_HEADER, strlen(DK_SIGNATURE_HEADER)) == 0)
             run.signatures.push_back(n);
 
     line_sections ls;
@@ -170,12 +180,28 @@ int handle(Run &run)
         if (run.signatures[i] != nullptr)
             notify(run, DK_EVENT_KEPT, (int)i + 1, first_line(run.signatures[i]->text).c_str());
 
-    char *selector = dk_selector_from_context(job->context);
-    char key[DK_KEY_BUFFER + 1];
-    int rc = read_key(run, job->from_domain, selector, key);
-    if (rc == 0) rc = sign_message(run, job->from_domain, selector, key);
-    explicit_bzero(key, sizeof(key));
-    free(selector);
+    /* the job's selectors, or the handler's one from CONTEXT */
+    std::vector<std::string> selectors;
+    for (const char *const *s = job->selectors; s != nullptr && *s != nullptr; s++)
+        selectors.push_back(*s);
+    if (job->selectors == nullptr) {
+        char *one = dk_selector_from_context(job->context);
+        selectors.push_back(one);
+        free(one);
+    }
+    std::vector<std::vector<char>> keys;
+    std::vector<dk_signer> signers;
+    keys.reserve(selectors.size());
+    for (const std::string &selector : selectors) {
+        keys.emplace_back(DK_KEY_BUFFER + 1);
+        char *key = keys.back().data();
+        if (read_key(run, job->from_domain, selector.c_str(), key) != 0) continue;
+        int algorithm = job->by_key_type ? dk_sign_algorithm_for(key) : DKIM_SIGN_DEFAULT;
+        signers.push_back({selector.c_str(), key, algorithm});
+    }
+    int rc = signers.empty() ? -1 : sign_message(run, job->from_domain, signers);
+    for (auto &key : keys)
+        explicit_bzero(key.data(), key.size());
     if (rc != 0) return DK_ENGINE_FAILED;
     if (job->out != nullptr && mail_tmpfile_to_stream(run.me, job->out) != 0) {
         notify(run, DK_EVENT_FAILED, DK_FAIL_OUTPUT, "cannot write the signed message");

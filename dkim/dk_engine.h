@@ -5,7 +5,8 @@
  *
  * keyseal runs it on its standard streams; keyseal-admin explain runs it without
  * output (out NULL) to show each decision as it is taken; keyseal-milter runs it in a
- * child per message.  dk_engine_run() logs exactly the handler's lines through
+ * worker per message, with several selectors, the algorithm the key calls for, and a header
+ * set of its own.  dk_engine_run() logs exactly the handler's lines through
  * halyx_log and returns the handler's exit status: DK_ENGINE_SIGNED, DK_ENGINE_SKIPPED
  * (in was not read) or DK_ENGINE_FAILED.  The spool file exists only during the call
  * and is removed on every path, a timeout signal included (mail_spool_guard).  The
@@ -68,6 +69,11 @@ typedef struct dk_engine_job {
     FILE *out;                  /* the signed message, or NULL: nothing is written */
     dk_engine_observer observe; /* or NULL */
     void *data;
+    /* keyseal-milter's: zero or NULL keeps the handler's own way */
+    const char *const *selectors;    /* a signature each (NULL-ended); NULL: CONTEXT's one */
+    int by_key_type;                 /* the algorithm the key calls for, not rsa-sha256 alone */
+    const char *const *sign_headers; /* NULL-ended; NULL: Received, From, To, Subject */
+    const char *const *oversign;     /* signed once more than they occur; NULL: none */
 } dk_engine_job;
 
 int dk_engine_run(const dk_engine_job *job);

@@ -6,7 +6,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/ui.h>
+#include <openssl/x509.h>
+#include <vector>
 
 enum {
     FEED_BUFFER = 32768,
@@ -66,36 +71,53 @@ DKIM_LIB *dk_init(dk_result *result, unsigned int flags)
     return lib;
 }
 
-dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result)
+/* feed_each - the message once into every handle; each result says how its handle fared.
+ * A handle whose chunk is refused drops out (its handle set to NULL); the others go on. */
+static void feed_each(DKIM **handles, dk_result **results, size_t n, FILE *message)
 {
     char buf[FEED_BUFFER];
     buf[FEED_BUFFER - 1] = '\0';
-    result->text = nullptr;
+    size_t live = 0;
+    for (size_t i = 0; i < n; i++) {
+        results[i]->text = nullptr;
+        live += handles[i] != nullptr;
+    }
 
-    while (fgets(buf, FEED_LIMIT, message) != nullptr) {
+    while (live > 0 && fgets(buf, FEED_LIMIT, message) != nullptr) {
         /* a NUL ends the piece: the bytes behind it are not fed */
         size_t len = strlen(buf);
         if (len > 0 && buf[len - 1] == '\n' && (len == 1 || buf[len - 2] != '\r')) {
             buf[len - 1] = '\r';
             buf[len++] = '\n';
         }
-        result->status = dkim_chunk(dkim, (u_char *)buf, len);
-        if (result->status != DKIM_STAT_OK) {
-            result->text = asprintf_safe("DKIM Feed: %s", status_text(result->status));
-            return result;
+        for (size_t i = 0; i < n; i++) {
+            if (handles[i] == nullptr) continue;
+            results[i]->status = dkim_chunk(handles[i], (u_char *)buf, len);
+            if (results[i]->status != DKIM_STAT_OK) {
+                results[i]->text = asprintf_safe("DKIM Feed: %s", status_text(results[i]->status));
+                handles[i] = nullptr, live--;
+            }
         }
     }
-    if (ferror(message)) {
-        result->status = DKIM_STAT_INTERNAL;
-        result->text = asprintf_safe("DKIM Cannot read message from stream");
-        return result;
+    for (size_t i = 0; i < n; i++) {
+        if (handles[i] == nullptr) continue;
+        if (ferror(message)) {
+            results[i]->status = DKIM_STAT_INTERNAL;
+            results[i]->text = asprintf_safe("DKIM Cannot read message from stream");
+            continue;
+        }
+        /* ends the header block too when the message had no separator line */
+        (void)dkim_chunk(handles[i], nullptr, 0);
+        _Bool testkey = false;
+        results[i]->status = dkim_eom(handles[i], &testkey);
+        if (results[i]->status != DKIM_STAT_OK)
+            results[i]->text = asprintf_safe("DKIM %s", status_text(results[i]->status));
     }
-    /* ends the header block too when the message had no separator line */
-    (void)dkim_chunk(dkim, nullptr, 0);
-    _Bool testkey = false;
-    result->status = dkim_eom(dkim, &testkey);
-    if (result->status != DKIM_STAT_OK)
-        result->text = asprintf_safe("DKIM %s", status_text(result->status));
+}
+
+dk_result *feed_message(DKIM *dkim, FILE *message, dk_result *result)
+{
+    feed_each(&dkim, &result, 1, message);
     return result;
 }
 
@@ -155,4 +177,79 @@ int dk_sign_key_failure(int32_t status)
 {
     return status == DKIM_STAT_NORESOURCE || status == DKIM_STAT_SIGGEN ||
            status == DKIM_STAT_KEYFAIL || status == DKIM_STAT_NOKEY;
+}
+
+int dk_sign_algorithm_for(const char *key)
+{
+    /* the key's algorithm from its PKCS#8 wrapper alone: no key is built, which would
+     * cost as much as the signature.  PKCS#1 ("RSA PRIVATE KEY", or bare DER "MII...")
+     * is RSA by its very form. */
+    BIO *bio = BIO_new_mem_buf(key, -1);
+    PKCS8_PRIV_KEY_INFO *p8 =
+        bio != nullptr ? PEM_read_bio_PKCS8_PRIV_KEY_INFO(bio, nullptr, nullptr, nullptr) : nullptr;
+    BIO_free(bio);
+    if (p8 == nullptr && strncmp(key, "-----", 5) != 0) {
+        size_t len = strlen(key);
+        std::vector<unsigned char> der(len);
+        int n = EVP_DecodeBlock(der.data(), (const unsigned char *)key, (int)len);
+        const unsigned char *p = der.data();
+        if (n > 0) p8 = d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, n);
+        OPENSSL_cleanse(der.data(), der.size());
+    }
+    const ASN1_OBJECT *object = nullptr;
+    int nid = NID_undef;
+    if (p8 != nullptr && PKCS8_pkey_get0(&object, nullptr, nullptr, nullptr, p8) == 1)
+        nid = OBJ_obj2nid(object);
+    PKCS8_PRIV_KEY_INFO_free(p8);
+    ERR_clear_error(); /* a form it is not leaves errors that are no one's business */
+    return nid == NID_ED25519 ? DKIM_SIGN_ED25519SHA256 : DKIM_SIGN_RSASHA256;
+}
+
+void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
+                  const char *const *headers, const char *const *oversign, FILE *message,
+                  dk_result **results)
+{
+    for (size_t i = 0; i < n; i++) {
+        results[i] = dk_result_init();
+        if (results[i] == nullptr) messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
+    }
+    DKIM_LIB *lib = dk_init(results[0], 0);
+    if (lib == nullptr) {
+        for (size_t i = 1; i < n; i++)
+            results[i]->status = results[0]->status,
+            results[i]->text = asprintf_safe("%s", results[0]->text);
+        return;
+    }
+    UI_set_default_method(UI_null());
+    if (oversign != nullptr && oversign[0] != nullptr)
+        dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_OVERSIGNHDRS, (void *)oversign,
+                     sizeof(oversign));
+    std::vector<DKIM *> handles(n), fed(n);
+    for (size_t i = 0; i < n; i++) {
+        DKIM_STAT status = DKIM_STAT_OK;
+        handles[i] = dkim_sign(
+            lib, (const unsigned char *)"keyseal()", nullptr, (dkim_sigkey_t)signers[i].key,
+            (const unsigned char *)signers[i].selector, (const unsigned char *)domain,
+            DKIM_CANON_RELAXED, DKIM_CANON_RELAXED, signers[i].algorithm, -1, &status);
+        results[i]->status = status;
+        if (handles[i] == nullptr) {
+            results[i]->text =
+                asprintf_safe("Unable to initialize DKIM siginig process: %s", status_text(status));
+            continue;
+        }
+        dkim_signhdrs(handles[i], headers != nullptr ? (const char **)headers : SIGNED_HEADERS);
+    }
+    fed = handles;
+    feed_each(fed.data(), results, n, message);
+    for (size_t i = 0; i < n; i++) {
+        if (handles[i] == nullptr) continue;
+        if (fed[i] != nullptr && results[i]->status == DKIM_STAT_OK) {
+            unsigned char *value = nullptr;
+            size_t length = 0;
+            results[i]->status = dkim_getsighdr_d(handles[i], HEADER_NAME_WIDTH, &value, &length);
+            if (length != 0) results[i]->text = signature_header(value);
+        }
+        dkim_free(handles[i]);
+    }
+    dkim_close(lib);
 }

@@ -32,6 +32,25 @@ typedef struct dk_result {
 } dk_result;
 
 dk_result *keyseal(const char *domain, const char *selector, const char *key, FILE *message);
+
+/* One signature of keyseal_each(): a selector, its key text, and a DKIM_SIGN_* algorithm
+ * (DKIM_SIGN_DEFAULT: the library's choice, rsa-sha256, as keyseal() signs) */
+typedef struct dk_signer {
+    const char *selector;
+    const char *key;
+    int algorithm;
+} dk_signer;
+
+/* keyseal_each - a signature per signer over one pass of the message: the fields named in
+ * headers (NULL: keyseal()'s Received, From, To, Subject) and those in oversign (NULL or
+ * empty: none) once more than they occur.  results[i] answers signers[i] as keyseal()'s
+ * result does, each owned by the caller; one signer failing leaves the others whole. */
+void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
+                  const char *const *headers, const char *const *oversign, FILE *message,
+                  dk_result **results);
+/* dk_sign_algorithm_for - DKIM_SIGN_ED25519SHA256 for an Ed25519 key's text, else
+ * DKIM_SIGN_RSASHA256 (an unreadable key fails later, where any key would) */
+int dk_sign_algorithm_for(const char *key);
 /* dk_init - a library instance with flags 0x600 | flags, or NULL with result filled */
 DKIM_LIB *dk_init(dk_result *result, unsigned int flags);
 /* feed_message - stream the message and finish it; status/text describe the outcome */

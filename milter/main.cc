@@ -19,6 +19,7 @@
  * each connection on a thread.  Exit status: 0 stopped, 1 a failure to start or to
  * recover, 2 usage or configuration error.
  */
+#include "milter/align.h"
 #include "milter/helper.h"
 #include "milter/milter_conf.h"
 #include "milter/milter_log.h"
@@ -103,6 +104,7 @@ struct Session {
     bool not_host = false; /* the sender's domain is no host name: not for the handler */
     std::vector<std::string> rcpts;
     std::vector<std::string> signatures; /* the DKIM-Signature headers as spooled, in order */
+    std::vector<std::string> from;       /* the From: addresses' domains ("": none) */
     int fd = -1;                         /* the message file */
     bool in_memory = false;              /* fd is a memory file, still under IN_MEMORY_MAX */
     size_t size = 0;
@@ -118,7 +120,7 @@ struct Session {
         not_host = false;
         config.reset();
         sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
-        signatures.clear();
+        signatures.clear(), from.clear();
         if (in_message) in_flight--;
         in_message = false;
     }
@@ -296,6 +298,9 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     append(s, line.data(), line.size());
     /* the mail server numbers a header among those of its name, in any letter case */
     if (strcasecmp(name, "DKIM-Signature") == 0) s->signatures.push_back(line);
+    if (strcasecmp(name, "From") == 0)
+        for (std::string &d : from_domains(value))
+            s->from.push_back(std::move(d));
     return s->go(SMFIP_NR_HDR);
 }
 
@@ -371,6 +376,33 @@ sfsistat apply(SMFICTX *ctx, const Session &s, const std::string &id, const Resu
     return SMFIS_CONTINUE;
 }
 
+/* signing_domain - the envelope sender's domain; with signing_domain header, the single
+ * From: address's domain instead where it has a key */
+std::string signing_domain(const Session &s)
+{
+    const Config &c = *s.config;
+    if (c.signing_domain != SigningDomain::HEADER || s.from.size() != 1 || s.from[0].empty())
+        return s.domain;
+    const std::string &d = s.from[0];
+    char *path = dk_key_path(d.c_str(), c.selectors_for(d).front().c_str());
+    struct stat st;
+    bool key = stat(path, &st) == 0;
+    free(path);
+    return key ? d : s.domain;
+}
+
+/* check_alignment - a warning when the signature will not count for the From: domain */
+void check_alignment(const Session &s, const std::string &id, const std::string &d)
+{
+    if (s.from.empty())
+        halyx_log(LOG_WARNING, MILTER_LOG_NO_FROM, id.c_str(), d.c_str());
+    else if (s.from.size() > 1)
+        halyx_log(LOG_WARNING, MILTER_LOG_MANY_FROM, id.c_str(), d.c_str(), (int)s.from.size());
+    else if (!aligned(d, s.from[0]))
+        halyx_log(LOG_WARNING, MILTER_LOG_MISALIGNED, id.c_str(), d.c_str(),
+                  s.from[0].empty() ? "no domain" : s.from[0].c_str());
+}
+
 /* job_for - the handler's arguments and environment for the session's message */
 Job job_for(const Session &s, const std::string &id)
 {
@@ -378,13 +410,13 @@ Job job_for(const Session &s, const std::string &id)
     Job job;
     job.queue_id = id;
     job.from = s.sender;
-    job.domain = s.domain;
-    job.context = c.context(s.domain);
+    job.domain = signing_domain(s);
+    job.context = c.context(job.domain);
     job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
     if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES);
     if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
     if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_REMOTE_IP "=" + s.client);
-    job.selectors = c.selectors_for(s.domain);
+    job.selectors = c.selectors_for(job.domain);
     job.headers = c.headers;
     job.oversign = c.oversign;
     return job;
@@ -409,10 +441,14 @@ sfsistat on_eom(SMFICTX *ctx)
     } else {
         const Config &c = *s->config;
         Limits limits{(uint32_t)c.timeout, (uint32_t)c.workers};
-        Result r = helper.run(job_for(*s, id), s->fd, limits);
-        if (r.verdict == Verdict::SIGNED)
+        Job job = job_for(*s, id);
+        Result r = helper.run(job, s->fd, limits);
+        if (r.verdict == Verdict::SIGNED && !r.reason.empty())
+            halyx_log(LOG_WARNING, MILTER_LOG_PARTIAL, id.c_str(), r.reason.c_str());
+        if (r.verdict == Verdict::SIGNED) {
             answer = apply(ctx, *s, id, r);
-        else if (r.verdict == Verdict::FAILED)
+            if (answer == SMFIS_CONTINUE) check_alignment(*s, id, job.domain);
+        } else if (r.verdict == Verdict::FAILED)
             answer = not_signed(ctx, *s, id, r.reason, r.retry);
     }
     s->reset_message();
@@ -602,6 +638,9 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
 int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) pool_main(POOL_REQUESTS_FD);
+    /* a closed standard descriptor must not become the listening socket's number, which a
+     * child would then keep */
+    if (mh_std_fds_open() != 0) return 1;
     static const option options[] = {
         {"foreground", no_argument, nullptr, 'f'},   {"config", required_argument, nullptr, 'c'},
         {"check-config", no_argument, nullptr, 'k'}, {"help", no_argument, nullptr, 'h'},

@@ -40,6 +40,16 @@ void collect(void *data, int event, int number, const char *text)
         c->failure = number, c->result.reason = text;
 }
 
+/* names - the strings as a NULL-ended list of C strings, valid while v lives */
+std::vector<const char *> names(const std::vector<std::string> &v)
+{
+    std::vector<const char *> out;
+    for (const auto &s : v)
+        out.push_back(s.c_str());
+    out.push_back(nullptr);
+    return out;
+}
+
 } // namespace
 
 Result serve(const Job &job, int message_fd)
@@ -70,7 +80,13 @@ Result serve(const Job &job, int message_fd)
         c.failure = DK_FAIL_SPOOL,
         c.result.reason = std::string("cannot read the message: ") + strerror(errno);
     } else {
+        std::vector<const char *> selectors = names(job.selectors), headers = names(job.headers),
+                                  oversign = names(job.oversign);
         dk_engine_job ej = {};
+        ej.selectors = job.selectors.empty() ? nullptr : selectors.data();
+        ej.by_key_type = 1;
+        ej.sign_headers = job.headers.empty() ? nullptr : headers.data();
+        ej.oversign = oversign.data();
         ej.from_domain = job.domain.c_str();
         ej.context = ctx.context;
         ej.in = in;
