@@ -64,15 +64,18 @@ demo: deps $(BUILD)/Makefile
 	@/usr/bin/python3 -m demo.demo $(BUILD)/keyseal
 
 # The key and spool paths are fixed in the binary; DESTDIR is honoured for them too.
+# The spool directory's path and mode are the handler's, read from its header.
+SPOOL_DIR = $(shell sed -n 's/^\#define MAIL_SPOOL_DIR "\(.*\)"/\1/p' mailhandler/mail_me.h)
+SPOOL_MODE = $(shell sed -n 's/^\#define MAIL_SPOOL_MODE 0*\([0-7]*\).*/\1/p' mailhandler/mail_me.h)
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
 	install -d -m 0755 $(DESTDIR)/etc/domainkeys
-	install -d -m 1733 $(DESTDIR)/usr/local/hlx/handlers/spool
+	install -d -m $(SPOOL_MODE) $(DESTDIR)$(SPOOL_DIR)
 
 uninstall:
 	rm -f $(DESTDIR)$(PREFIX)/bin/keyseal $(DESTDIR)$(PREFIX)/bin/keyseal-admin \
 		$(DESTDIR)$(PREFIX)/share/man/man8/keyseal.8 $(DESTDIR)$(PREFIX)/share/man/man8/keyseal-admin.8
-	-rmdir $(DESTDIR)/usr/local/hlx/handlers/spool 2>/dev/null
+	-rmdir $(DESTDIR)$(SPOOL_DIR) 2>/dev/null
 	@echo "kept: $(DESTDIR)/etc/domainkeys (keys and whitelist)"
 
 # Built from a copy of the work tree, so that dpkg-buildpackage writes nothing beside it.

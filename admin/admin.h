@@ -234,6 +234,13 @@ std::string whitelist_entry(const std::string &ip);
  * decision shown as it is taken; nothing is written out and the spool file is removed */
 int cmd_explain(const std::string &from, const std::string &context,
                 const std::vector<std::string> &env, const std::string &message);
+/* cmd_explain_queue - what the mail log (files, or the journal) says became of Postfix's
+ * queue id: its lines, the verdict, the rule and what would change it; 1 when not there */
+int cmd_explain_queue(const std::string &id, const std::vector<std::string> &files);
+/* explain_queue_id - what cmd_explain_queue prints for these mail log lines; "" when none
+ * is of that queue id */
+std::string explain_queue_id(const std::string &id, const std::vector<std::string> &lines,
+                             time_t now);
 
 // spool.cc
 int cmd_spool(bool clean, long older_than);

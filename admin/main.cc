@@ -99,6 +99,13 @@ int main(int argc, char **argv)
     explain->add_option("--env", env, "NAME=VALUE for a policy variable (repeatable)");
     std::string message;
     explain->add_option("--message", message, "the message (default: a sample from the sender)");
+    std::string queue_id;
+    std::vector<std::string> logs;
+    explain
+        ->add_option("--queue-id", queue_id,
+                     "instead: what the mail log says became of this Postfix queue id")
+        ->excludes("--from", "--context", "--env", "--message");
+    explain->add_option("FILE", logs, "with --queue-id: mail log files (default: the journal)");
     std::string since;
     bool json = false;
     std::vector<std::string> files;
@@ -177,6 +184,8 @@ int main(int argc, char **argv)
     if (name == "whitelist" || name == "postfix" || name == "rotate")
         name += " " + command->get_subcommands().front()->get_name();
     try {
+        /* keys are stored and looked up under the domain as mail servers compare it */
+        if (!domain.empty()) domain = canonical_domain(domain);
         if (name == "keygen") {
             if (type != "rsa" && keygen->count("--bits") > 0)
                 throw Usage("--bits is for RSA keys; an Ed25519 key has one size");
@@ -188,7 +197,11 @@ int main(int argc, char **argv)
         if (name == "whitelist add") return cmd_whitelist_add(network);
         if (name == "whitelist remove") return cmd_whitelist_remove(network);
         if (name == "whitelist check") return cmd_whitelist_check(network);
-        if (name == "explain") return cmd_explain(from, context, env, message);
+        if (name == "explain" && !queue_id.empty()) return cmd_explain_queue(queue_id, logs);
+        if (name == "explain") {
+            if (!logs.empty()) throw Usage("log FILEs go with --queue-id");
+            return cmd_explain(from, context, env, message);
+        }
         if (name == "spool") return cmd_spool(clean, older_than);
         if (name == "report") return cmd_report(since, json, files);
         if (name == "postfix setup") return cmd_postfix_setup();

@@ -1,4 +1,6 @@
 #include "admin/admin.h"
+#include "admin/maillog.h"
+#include "admin/report.h"
 
 #include "milter/milter_conf.h"
 #include "net/ip_network.hpp"
@@ -691,6 +693,12 @@ int cmd_postfix_check()
     for (const auto &[domain, selector] : all_keys())
         keyseal.check_key(key_path(domain, selector), report);
     keyseal.check_files(report);
+    /* the first week's trip-up: programs on this server sending through SMTP without AUTH */
+    if (long n = loopback_unsigned({MAILLOG_DEFAULT}); n > 0)
+        report.warning(std::to_string(n) + " messages from SMTP clients at loopback addresses " +
+                       "(programs on this server) went out unsigned (" MAILLOG_DEFAULT
+                       "); to have them signed, " +
+                       LOOPBACK_HINT);
     return report.exit_status();
 }
 

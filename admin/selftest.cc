@@ -2,8 +2,10 @@
 
 #include "dkim/dk_engine.h"
 #include "dkim/dk_key.h"
+#include "dkim/dk_policy.h"
 #include "dkim/dk_sign.h"
 #include "mailhandler/mail_me.h"
+#include "util/halyx_log.h"
 
 #include <cerrno>
 #include <climits>
@@ -125,8 +127,9 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
     check_names(domain, selector);
     std::string sender = "postmaster@" + domain, trace = "T";
     trace += std::to_string(getpid()); /* "T" + to_string(): a GCC 12 -Wrestrict false alarm */
-    std::vector<std::string> args{"dkimsel=" + selector, sender, sender};
-    std::vector<std::string> env{"PPP_INSIDE_SENDMAIL=1", "HALYX_LOG_TRACE_ID=" + trace,
+    std::vector<std::string> args{DK_CONTEXT_SELECTOR + selector, sender, sender};
+    const std::string local = DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE;
+    std::vector<std::string> env{local, HALYX_LOG_TRACE_ENV "=" + trace,
                                  "PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
     for (const char *keep : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"})
         if (getenv(keep) != nullptr) env.push_back(std::string(keep) + "=" + getenv(keep));
@@ -157,9 +160,8 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
         verify(run.out, ns, report);
         return report.exit_status();
     }
-    report.note("running PPP_INSIDE_SENDMAIL=1 " + keyseal + " " + args[0] + " " + sender + " " +
-                sender + " < (a sample message)" +
-                (user != nullptr ? ", as user " + user->user : ""));
+    report.note("running " + local + " " + keyseal + " " + args[0] + " " + sender + " " + sender +
+                " < (a sample message)" + (user != nullptr ? ", as user " + user->user : ""));
     Run run = run_program(keyseal, args, env, message, user);
     bool passed = WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0 && run.err == "PASS";
     if (!passed) {

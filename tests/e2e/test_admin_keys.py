@@ -142,6 +142,9 @@ def test_check_all_after_a_forced_keygen(admin, key):
 FIX = ("chgrp mailer /etc/domainkeys/example.com/default && chmod 0640 /etc/domainkeys/example.com/default"
        " && chmod 1733 /usr/local/hlx/handlers/spool && ")
 
+GROUP = ("groupadd --system mailers && chgrp mailers /usr/local/hlx/handlers/spool"
+         " && chmod 1730 /usr/local/hlx/handlers/spool && ")
+
 
 @pytest.mark.parametrize("fix,command,status,expect", [
     ("", "check", 1, rb"error: user mailer cannot read the key /etc/domainkeys/example.com/default: "
@@ -149,6 +152,10 @@ FIX = ("chgrp mailer /etc/domainkeys/example.com/default && chmod 0640 /etc/doma
     ("", "check", 1, rb"error: user mailer cannot create spool files in /usr/local/hlx/handlers/spool: "
                      rb"Permission denied; .* chmod 1733"),
     ("", "test", 1, rb"error: the handler did not sign: exit status 255"),
+    # a group's directory (the package's 1730): the advice admits the user, loosens nothing
+    (GROUP, "check", 1, rb"spool files in /usr/local/hlx/handlers/spool: Permission denied; every message "
+                        rb"would fail: adduser mailer mailers\n"),
+    (GROUP + "adduser --quiet mailer mailers && ", "check", 1, rb"ok: user mailer can create spool files"),
     (FIX, "check", 0, rb"ok: user mailer can read the key"),
     (FIX, "test", 0, rb"ok: the signature verifies"),
 ])
