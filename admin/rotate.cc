@@ -347,6 +347,9 @@ int cmd_rotate_start(std::string domain, const std::string &type, std::string se
     std::string old = pick_old(domain, milter, of, replaces);
     Pkey old_key = key_of(domain, old);
     std::string new_type = !type.empty() ? type : old_key ? key_type(old_key.get()) : "rsa";
+    if (new_type == "ed25519" && !milter.installed)
+        throw Problem(std::string("keyseal-milter is not installed, and ") + ED25519_NOTE +
+                      ": rotate to --type rsa");
     gid_t gid = key_group("");
     std::string dir = keys_dir_for(domain, gid);
     std::vector<std::string> used =

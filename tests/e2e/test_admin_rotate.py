@@ -182,6 +182,8 @@ def test_dual_signing_rotates_one_of_the_two(rot, key, of, status, expect_map):
 def test_chain_without_milter_is_told_its_context(rot):
     rot.milter(False)
     shutil.rmtree(os.path.join(rot.root, "keyseal"))
+    r = rotate(rot, "start", "example.com", "--type", "ed25519")
+    assert r.status == 1 and b"the handler chain's keyseal signs rsa-sha256" in r.stderr, r.stderr
     r = rotate(rot, "start", "example.com", "--selector", "c2")
     rot.serve(r.stdout.decode())
     r = rotate(rot, "switch", "example.com")
