@@ -638,6 +638,9 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
 int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) pool_main(POOL_REQUESTS_FD);
+    /* a closed standard descriptor must not become the listening socket's number, which a
+     * child would then keep */
+    if (mh_std_fds_open() != 0) return 1;
     static const option options[] = {
         {"foreground", no_argument, nullptr, 'f'},   {"config", required_argument, nullptr, 'c'},
         {"check-config", no_argument, nullptr, 'k'}, {"help", no_argument, nullptr, 'h'},
