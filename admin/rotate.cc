@@ -294,6 +294,21 @@ std::string pick_old(const std::string &domain, const Milter &milter, const std:
     throw Problem("no selector of " + domain + " has an " + of + " key: " + kinds);
 }
 
+/* map_disagrees - the selector map signs the domain with other selectors than the rotation's
+ * step says (edited by hand?): a line saying so, else "" */
+std::string map_disagrees(const State &s, const Milter &milter)
+{
+    if (!milter.installed || s.retired != -1) return "";
+    auto sels = milter.selectors(s.domain);
+    const std::string &now = s.switched != -1 ? s.new_selector : s.old_selector;
+    if (std::find(sels.begin(), sels.end(), now) != sels.end()) return "";
+    std::string names;
+    for (const auto &n : sels)
+        names += (names.empty() ? "" : " ") + n;
+    return s.domain + ": but the selector map " + milter.map_path + " signs it with " + names +
+           ", not " + now;
+}
+
 void print_next(const State &s)
 {
     if (s.retired != -1)
@@ -411,9 +426,15 @@ int cmd_rotate_status(const std::string &domain)
                   [](const State &a, const State &b) { return a.domain < b.domain; });
         if (states.empty()) printf("no domain is in rotation\n");
     }
-    for (const auto &s : states)
+    Milter milter;
+    int status = EXIT_OK;
+    for (const auto &s : states) {
         print_next(s);
-    return EXIT_OK;
+        std::string odd = map_disagrees(s, milter);
+        if (!odd.empty()) printf("warning: %s\n", odd.c_str());
+        if (!odd.empty()) status = EXIT_PROBLEM;
+    }
+    return status;
 }
 
 int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
