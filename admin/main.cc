@@ -184,6 +184,8 @@ int main(int argc, char **argv)
     if (name == "whitelist" || name == "postfix" || name == "rotate")
         name += " " + command->get_subcommands().front()->get_name();
     try {
+        /* keys are stored and looked up under the domain as mail servers compare it */
+        if (!domain.empty()) domain = canonical_domain(domain);
         if (name == "keygen") {
             if (type != "rsa" && keygen->count("--bits") > 0)
                 throw Usage("--bits is for RSA keys; an Ed25519 key has one size");

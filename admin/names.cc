@@ -21,6 +21,7 @@ void Report::line(const char *kind, const std::string &what) const
 
 bool valid_name(const std::string &name)
 {
+    /* a key's directory and file are each one path component a CONTEXT can name */
     return dk_selector_problem(name.c_str()) == nullptr;
 }
 
@@ -29,7 +30,8 @@ std::string canonical_domain(const std::string &domain)
     char *c = dk_domain_canonical(domain.c_str());
     if (c == nullptr)
         throw Usage("invalid domain '" + domain +
-                    "': a host name (letters, digits, hyphens and dots) or an address literal");
+                    "': not a host name (letters, digits, hyphens and dots) or an address "
+                    "literal such as [192.0.2.1]");
     std::string out = c;
     free(c);
     return out;

@@ -294,6 +294,21 @@ std::string pick_old(const std::string &domain, const Milter &milter, const std:
     throw Problem("no selector of " + domain + " has an " + of + " key: " + kinds);
 }
 
+/* map_disagrees - the selector map signs the domain with other selectors than the rotation's
+ * step says (edited by hand?): a line saying so, else "" */
+std::string map_disagrees(const State &s, const Milter &milter)
+{
+    if (!milter.installed || s.retired != -1) return "";
+    auto sels = milter.selectors(s.domain);
+    const std::string &now = s.switched != -1 ? s.new_selector : s.old_selector;
+    if (std::find(sels.begin(), sels.end(), now) != sels.end()) return "";
+    std::string names;
+    for (const auto &n : sels)
+        names += (names.empty() ? "" : " ") + n;
+    return s.domain + ": but the selector map " + milter.map_path + " signs it with " + names +
+           ", not " + now;
+}
+
 void print_next(const State &s)
 {
     if (s.retired != -1)
@@ -347,6 +362,9 @@ int cmd_rotate_start(std::string domain, const std::string &type, std::string se
     std::string old = pick_old(domain, milter, of, replaces);
     Pkey old_key = key_of(domain, old);
     std::string new_type = !type.empty() ? type : old_key ? key_type(old_key.get()) : "rsa";
+    if (new_type == "ed25519" && !milter.installed)
+        throw Problem(std::string("keyseal-milter is not installed, and ") + ED25519_NOTE +
+                      ": rotate to --type rsa");
     gid_t gid = key_group("");
     std::string dir = keys_dir_for(domain, gid);
     std::vector<std::string> used =
@@ -408,9 +426,15 @@ int cmd_rotate_status(const std::string &domain)
                   [](const State &a, const State &b) { return a.domain < b.domain; });
         if (states.empty()) printf("no domain is in rotation\n");
     }
-    for (const auto &s : states)
+    Milter milter;
+    int status = EXIT_OK;
+    for (const auto &s : states) {
         print_next(s);
-    return EXIT_OK;
+        std::string odd = map_disagrees(s, milter);
+        if (!odd.empty()) printf("warning: %s\n", odd.c_str());
+        if (!odd.empty()) status = EXIT_PROBLEM;
+    }
+    return status;
 }
 
 int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)

@@ -413,9 +413,9 @@ Job job_for(const Session &s, const std::string &id)
     job.domain = signing_domain(s);
     job.context = c.context(job.domain);
     job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
-    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES);
+    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE);
     if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
-    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_REMOTE_IP "=" + s.client);
+    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_CLIENT "=" + s.client);
     job.selectors = c.selectors_for(job.domain);
     job.headers = c.headers;
     job.oversign = c.oversign;

@@ -182,6 +182,8 @@ def test_dual_signing_rotates_one_of_the_two(rot, key, of, status, expect_map):
 def test_chain_without_milter_is_told_its_context(rot):
     rot.milter(False)
     shutil.rmtree(os.path.join(rot.root, "keyseal"))
+    r = rotate(rot, "start", "example.com", "--type", "ed25519")
+    assert r.status == 1 and b"the handler chain's keyseal signs rsa-sha256" in r.stderr, r.stderr
     r = rotate(rot, "start", "example.com", "--selector", "c2")
     rot.serve(r.stdout.decode())
     r = rotate(rot, "switch", "example.com")
@@ -194,6 +196,8 @@ def test_chain_without_milter_is_told_its_context(rot):
     ("no-reload", 1, b"the selector map is switched, but keyseal-milter was not reloaded"),
     ("early-force", 0, b"old._domainkey.example.com. IN TXT"),
     ("retire-staged", 1, b"example.com still signs with old: keyseal-admin rotate switch"),
+    ("map-edited", 1, b"warning: example.com: but the selector map /etc/keyseal/selectors signs it "
+                      b"with old, not DAY"),
 ])
 def test_refusals_and_overrides(rot, key, case, status, expect):
     day = time.strftime("s%Y%m%d", time.gmtime())
@@ -210,6 +214,11 @@ def test_refusals_and_overrides(rot, key, case, status, expect):
     elif case == "early-force":
         assert rotate(rot, "switch", "example.com", reload_observer=True).status == 0
         r = rotate(rot, "retire", "example.com", "--force")
+    elif case == "map-edited":  # switched, then the map's line put back by hand
+        assert rotate(rot, "switch", "example.com", reload_observer=True).status == 0
+        with open(os.path.join(rot.root, "keyseal", "selectors"), "w") as f:
+            f.write(MAP)
+        r = rotate(rot, "status")
     elif case == "retire-staged":
         r = rotate(rot, "retire", "example.com")
     assert r.status == status and expect.replace(b"DAY", day.encode()) in r.stdout + r.stderr, \
