@@ -18,7 +18,7 @@ namespace keyseal_admin
 namespace
 {
 
-const char *const POLICY_VARIABLES[] = {DK_ENV_SENDMAIL, DK_ENV_AUTHORIZED, DK_ENV_REMOTE_IP};
+const char *const POLICY_VARIABLES[] = {DK_ENV_SENDMAIL, DK_ENV_AUTHORIZED, DK_ENV_CLIENT};
 
 /* A message the signer accepts, so that only the key and the names can make it fail */
 const char SAMPLE[] = "From: keyseal-admin <explain@localhost>\n\nexplain\n";
@@ -45,7 +45,7 @@ void capture_log(int level, const char *fmt, ...)
 /* observe - one line per decision of the engine, as it takes it */
 void observe(void *data, int event, int number, const char *text)
 {
-    const char *tcp = getenv(DK_ENV_REMOTE_IP);
+    const char *tcp = getenv(DK_ENV_CLIENT);
     switch (event) {
     case DK_EVENT_POLICY:
         printf("policy: %s\n", text);
@@ -85,7 +85,7 @@ int cmd_explain(const std::string &from, const std::string &context,
             known |= name == v;
         if (eq == std::string::npos || !known)
             throw Usage("--env takes NAME=VALUE with NAME one of " DK_ENV_SENDMAIL
-                        ", " DK_ENV_AUTHORIZED ", " DK_ENV_REMOTE_IP ": '" +
+                        ", " DK_ENV_AUTHORIZED ", " DK_ENV_CLIENT ": '" +
                         setting + "'");
         setenv(name.c_str(), setting.c_str() + eq + 1, 1);
     }

@@ -140,7 +140,7 @@ void key_advice(std::string &out, const std::string &path)
 
 void skipped_advice(std::string &out, const std::string &client)
 {
-    if (client == DK_LOG_UNSET) {
+    if (client == DK_LOG_NO_CLIENT) {
         appendf(out, "rule: not submitted with sendmail, no SMTP login, and no client address to "
                      "look up in the whitelist\n"
                      "to change it: keyseal-admin postfix check (keyseal-milter passes every SMTP "

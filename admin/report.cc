@@ -244,7 +244,7 @@ void Tally::close(const Run &run)
     hour.hour = run.first - run.first % 3600;
     if (run.decision == (int)Kind::NotSigning && run.reason.empty()) {
         sum_.skipped++, hour.skipped++;
-        if (run.client != DK_LOG_UNSET)
+        if (run.client != DK_LOG_NO_CLIENT)
             clients_[run.client]++;
         else
             sum_.without_address++;

@@ -89,7 +89,7 @@ Run sign_as_milter(const std::string &domain, const std::string &selector,
     if (pid == 0) {
         close(out[0]);
         if (user != nullptr) user->become();
-        setenv(DK_ENV_SENDMAIL, DK_ENV_SENDMAIL_YES, 1);
+        setenv("PPP_INSIDE_SENDMAIL", "1", 1);
         unsetenv("SMTP_AUTHORIZED");
         unsetenv("TCPREMOTEIP");
         std::string context = DK_CONTEXT_SELECTOR + selector;
@@ -128,8 +128,8 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
     std::string sender = "postmaster@" + domain, trace = "T";
     trace += std::to_string(getpid()); /* "T" + to_string(): a GCC 12 -Wrestrict false alarm */
     std::vector<std::string> args{DK_CONTEXT_SELECTOR + selector, sender, sender};
-    const std::string local = DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES;
-    std::vector<std::string> env{local, HALYX_LOG_TRACE_ID_ENV "=" + trace,
+    const std::string local = DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE;
+    std::vector<std::string> env{local, HALYX_LOG_TRACE_ENV "=" + trace,
                                  "PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
     for (const char *keep : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"})
         if (getenv(keep) != nullptr) env.push_back(std::string(keep) + "=" + getenv(keep));

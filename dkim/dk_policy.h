@@ -24,9 +24,10 @@ extern "C" {
 /* The decision's log lines; keyseal-admin report reads them back from the mail log */
 #define DK_LOG_SENDMAIL "Sendmail (" DK_ENV_SENDMAIL "=%s) -> signing"
 #define DK_LOG_AUTHORIZED "Authorized user (" DK_ENV_AUTHORIZED "=%s) -> signing"
-#define DK_LOG_WHITELISTED "Whitelisted " DK_ENV_REMOTE_IP "=%s -> signing"
+#define DK_LOG_WHITELISTED "Whitelisted " DK_ENV_CLIENT "=%s -> signing"
 #define DK_LOG_NOT_SIGNING                                                                         \
-    "Not sendmail, not authorized, " DK_ENV_REMOTE_IP "=%s not whitelisted - not signing"
+    "Not sendmail, not authorized, " DK_ENV_CLIENT "=%s not whitelisted - not signing"
+#define DK_LOG_NO_CLIENT "NULL" /* DK_LOG_NOT_SIGNING's client when DK_ENV_CLIENT is unset */
 
 enum dk_policy_rule {
     DK_POLICY_SKIP = 0,

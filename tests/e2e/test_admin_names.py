@@ -8,7 +8,7 @@ import pytest
 @pytest.mark.parametrize("argv,status,expect", [
     (["keygen", "Example.COM."], 0, "domainkeys/example.com/default"),
     (["keygen", "shop.example", "--selector", "a,b"], 2, "invalid selector 'a,b': it holds ','"),
-    (["keygen", "../x"], 2, "invalid domain '../x': a host name"),
+    (["keygen", "../x"], 2, "invalid domain '../x': not a host name"),
     (["keygen", "[192.0.2.1]"], 0, "domainkeys/[192.0.2.1]/default"),
 ])
 def test_domains_in_any_case_and_names_refused(admin, argv, status, expect):
