@@ -55,20 +55,18 @@ def test_report_and_postfix_check_count_loopback_clients_left_unsigned(lab):
                      r"unsigned .*whitelist add 127.0.0.1/32 \(then every local user", check), check
 
 
-def test_report_counts_misaligned_mail_and_explain_notes_it(lab):
+def test_explain_notes_misaligned_mail_and_report_shows_the_pair(lab):
     if not os.path.exists("/etc/domainkeys/host.example.net/default"):
         lab.admin("keygen", "host.example.net")
     lab.stop_milter()
     lab.start_milter()  # signing_domain envelope, the default
-    sent = message(77002).replace(b"From: Ann <ann@example.com>", b"From: Shop <shop@example.com>")
+    # a From: domain of its own, so that other tests' pairs keep their counts
+    sent = message(77002).replace(b"From: Ann <ann@example.com>", b"From: Shop <shop@shop.example>")
     got, qid = deliver(lab, sendmail, sent, sender="www-data@host.example.net")
     assert b"d=host.example.net;" in signatures(got)[0]
-    log = lab.log(until=rf"keyseal-milter\[\d+\]: {qid}: signed d=host.example.net but From: is example.com")
-    pairs = len(re.findall(r"signed d=host.example.net but From: is example.com: DMARC will not align", log))
-    report = json.loads(lab.admin("report", "--json", LOG).stdout)
-    assert {"d": "host.example.net", "from": "example.com", "count": pairs} in report["misaligned"]
-    assert f"{pairs:7d}  host.example.net / example.com\n" in lab.admin("report", LOG).stdout
+    lab.log(until=rf"keyseal-milter\[\d+\]: {qid}: signed d=host.example.net but From: is shop.example")
+    assert "      1  host.example.net / shop.example\n" in lab.admin("report", LOG).stdout
     r = lab.admin("explain", "--queue-id", qid, LOG)
     assert "verdict: signed\n" in r.stdout and re.search(
-        r"note: signed d=host.example.net but the From: header's domain is example.com: .*"
-        r"keyseal-admin keygen example.com", r.stdout)
+        r"note: signed d=host.example.net but the From: header's domain is shop.example: .*"
+        r"keyseal-admin keygen shop.example", r.stdout)
