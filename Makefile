@@ -26,7 +26,7 @@ DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-nacl python3-dnspython python3-pytest libcli11-dev libmail-dkim-perl \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog \
-	libmilter-dev libpsl-dev publicsuffix postfix sasl2-bin libsasl2-modules
+	libmilter-dev libpsl-dev publicsuffix postfix sasl2-bin libsasl2-modules systemd
 TEST_SERVERS = nsd rsyslog postfix opendkim rspamd
 # opendkim and rspamd: the usual signing milter and a filter that signs as a milter, the
 # peers of the through-Postfix rows (never started as services: the benchmark runs them in
@@ -65,15 +65,18 @@ demo: deps $(BUILD)/Makefile
 	@/usr/bin/python3 -m demo.demo $(BUILD)/keyseal
 
 # The key and spool paths are fixed in the binary; DESTDIR is honoured for them too.
+# The spool directory's path and mode are the handler's, read from its header.
+SPOOL_DIR = $(shell sed -n 's/^\#define MAIL_SPOOL_DIR "\(.*\)"/\1/p' mailhandler/mail_me.h)
+SPOOL_MODE = $(shell sed -n 's/^\#define MAIL_SPOOL_MODE 0*\([0-7]*\).*/\1/p' mailhandler/mail_me.h)
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
 	install -d -m 0755 $(DESTDIR)/etc/domainkeys
-	install -d -m 1733 $(DESTDIR)/usr/local/hlx/handlers/spool
+	install -d -m $(SPOOL_MODE) $(DESTDIR)$(SPOOL_DIR)
 
 uninstall:
 	rm -f $(DESTDIR)$(PREFIX)/bin/keyseal $(DESTDIR)$(PREFIX)/bin/keyseal-admin \
 		$(DESTDIR)$(PREFIX)/share/man/man8/keyseal.8 $(DESTDIR)$(PREFIX)/share/man/man8/keyseal-admin.8
-	-rmdir $(DESTDIR)/usr/local/hlx/handlers/spool 2>/dev/null
+	-rmdir $(DESTDIR)$(SPOOL_DIR) 2>/dev/null
 	@echo "kept: $(DESTDIR)/etc/domainkeys (keys and whitelist)"
 
 # Built from a copy of the work tree, so that dpkg-buildpackage writes nothing beside it.

@@ -48,6 +48,30 @@ int probe(const Access::Probe &p)
     return 0;
 }
 
+/* spool_fix - the command that lets user create spool files, loosening nothing: a
+ * directory of a group (the package's) admits the user to the group, not everyone */
+std::string spool_fix(const std::string &user)
+{
+    const std::string spool = MAIL_SPOOL_DIR;
+    char mode[8];
+    struct stat st;
+    if (stat(spool.c_str(), &st) != 0) {
+        snprintf(mode, sizeof(mode), "%o", MAIL_SPOOL_MODE);
+        return std::string("install -d -m ") + mode + " " + spool;
+    }
+    struct group *g = st.st_gid != 0 ? getgrgid(st.st_gid) : nullptr;
+    if (g == nullptr) {
+        snprintf(mode, sizeof(mode), "%o", MAIL_SPOOL_MODE);
+        return std::string("chmod ") + mode + " " + spool;
+    }
+    std::string fix = std::string("adduser ") + user + " " + g->gr_name;
+    if ((st.st_mode & 0030) != 0030) {
+        snprintf(mode, sizeof(mode), "%o", MAIL_SPOOL_GROUP_MODE);
+        fix += std::string(" && chmod ") + mode + " " + spool;
+    }
+    return fix;
+}
+
 } // namespace
 
 Access::Access(const std::string &name)
@@ -126,7 +150,7 @@ void Access::check_files(Report &report) const
         report.ok("user " + user + " can create spool files in " + spool);
     else
         report.error("user " + user + " cannot create spool files in " + spool + ": " +
-                     strerror(err[1]) + "; every message would fail: chmod 1733 " + spool);
+                     strerror(err[1]) + "; every message would fail: " + spool_fix(user));
 }
 
 } // namespace keyseal_admin

@@ -75,8 +75,9 @@ int query_cancel(void *, void *handle)
     return DKIM_DNS_SUCCESS;
 }
 
-/* tags - a DKIM key record's tag=value list; the value trimmed of blanks */
-std::map<std::string, std::string> tags(const std::string &record)
+} // namespace
+
+std::map<std::string, std::string> record_tags(const std::string &record)
 {
     std::map<std::string, std::string> out;
     std::stringstream in(record);
@@ -91,6 +92,9 @@ std::map<std::string, std::string> tags(const std::string &record)
     }
     return out;
 }
+
+namespace
+{
 
 /* test_key - libopendkim's own comparison of the published key with the private one */
 void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
@@ -113,6 +117,15 @@ void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *
 }
 
 } // namespace
+
+bool record_matches(const std::string &p, EVP_PKEY *key)
+{
+    /* base64 may be split by blanks in a record; the bytes decide, not the spelling */
+    std::string mine = public_key_base64(key), theirs;
+    for (char c : p)
+        if (!isspace((unsigned char)c)) theirs += c;
+    return theirs == mine;
+}
 
 DkimLibrary::DkimLibrary(const Nameservers &ns, unsigned int flags)
     : resolver_(std::make_unique<Resolver>(ns)), lib_(dkim_init(nullptr, nullptr))
@@ -167,6 +180,92 @@ std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &
     return records;
 }
 
+namespace
+{
+
+/* Answer - a reply to one question, parsed by the resolver library; n < 0: no reply */
+struct Answer {
+    unsigned char buf[NS_MAXMSG];
+    int n = -1;
+    int h_errno_ = 0;
+    ns_msg msg{};
+};
+
+void ask(const std::string &name, ns_type type, const Nameservers &ns, Answer &a)
+{
+    Resolver r(ns);
+    a.n = res_nquery(&r.state, name.c_str(), ns_c_in, type, a.buf, sizeof(a.buf));
+    a.h_errno_ = r.state.res_h_errno;
+    if (a.n >= 0 && ns_initparse(a.buf, a.n, &a.msg) != 0)
+        throw Problem("unreadable DNS answer for " + name);
+}
+
+/* names_in - the answer section's records of type, as their owner names or, for NS, their
+ * target names, for A their addresses */
+std::vector<std::string> names_in(Answer &a, ns_type type, bool owner)
+{
+    std::vector<std::string> out;
+    for (int i = 0; a.n >= 0 && i < ns_msg_count(a.msg, ns_s_an); i++) {
+        ns_rr rr;
+        if (ns_parserr(&a.msg, ns_s_an, i, &rr) != 0 || ns_rr_type(rr) != type) continue;
+        char text[NS_MAXDNAME];
+        if (owner)
+            out.emplace_back(ns_rr_name(rr));
+        else if (type == ns_t_a && ns_rr_rdlen(rr) == 4)
+            out.emplace_back(inet_ntop(AF_INET, ns_rr_rdata(rr), text, sizeof(text)));
+        else if (type == ns_t_ns && ns_name_uncompress(ns_msg_base(a.msg), ns_msg_end(a.msg),
+                                                       ns_rr_rdata(rr), text, sizeof(text)) >= 0)
+            out.emplace_back(text);
+    }
+    return out;
+}
+
+bool same_name(std::string a, std::string b)
+{
+    for (auto *s : {&a, &b}) {
+        if (!s->empty() && s->back() == '.') s->pop_back();
+        for (char &c : *s)
+            c = (char)tolower((unsigned char)c);
+    }
+    return a == b;
+}
+
+} // namespace
+
+std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone)
+{
+    /* the zone is the closest enclosing name that has an SOA record of its own */
+    for (std::string name = domain;;) {
+        Answer a;
+        ask(name, ns_t_soa, {}, a);
+        for (const auto &owner : names_in(a, ns_t_soa, true))
+            if (same_name(owner, name)) zone = name;
+        if (!zone.empty()) break;
+        if (a.n < 0 && a.h_errno_ != HOST_NOT_FOUND && a.h_errno_ != NO_DATA)
+            throw Problem("no answer for the SOA record of " + name +
+                          ": name the servers with --nameserver");
+        size_t dot = name.find('.');
+        if (dot == std::string::npos)
+            throw Problem("no zone found above " + domain + ": name the servers with --nameserver");
+        name = name.substr(dot + 1);
+    }
+    Answer a;
+    ask(zone, ns_t_ns, {}, a);
+    std::vector<NameServer> out;
+    for (const auto &host : names_in(a, ns_t_ns, false)) {
+        Answer addr;
+        ask(host, ns_t_a, {}, addr);
+        auto ips = names_in(addr, ns_t_a, false);
+        if (ips.empty()) out.push_back({host, ""});
+        for (const auto &ip : ips)
+            out.push_back({host, ip});
+    }
+    if (out.empty())
+        throw Problem("no NS records for the zone " + zone +
+                      ": name the servers with --nameserver");
+    return out;
+}
+
 /* check_key - the key file, its published record and their match, for one key */
 static void check_key(const std::string &domain, const std::string &selector, const Nameservers &ns,
                       const Access *user, Report &report)
@@ -192,14 +291,30 @@ static void check_key(const std::string &domain, const std::string &selector, co
         report.error(std::to_string(records.size()) + " TXT records at " + name +
                      ": receivers need exactly one; remove all but the one 'keyseal-admin dns " +
                      domain + " --selector " + selector + "' prints");
-    auto t = tags(records[0]);
+    auto t = record_tags(records[0]);
     report.ok("TXT record at " + name);
     if (t.count("v") && t["v"] != "DKIM1") report.error("the record's v= is not DKIM1");
-    if (t.count("k") && t["k"] != "rsa") report.error("the record's k= is not rsa: " + t["k"]);
+    /* a record without k= is an RSA key's */
+    std::string k = t.count("k") ? t["k"] : "rsa", want = key ? key_type(key.get()) : k;
+    bool same_type = k == want;
+    if (k != "rsa" && k != "ed25519")
+        report.error("the record's k= is neither rsa nor ed25519: " + k);
+    else if (!same_type)
+        report.error("the record's k= is " + k + " but the private key is " + want +
+                     ": publish the record that 'keyseal-admin dns " + domain + " --selector " +
+                     selector + "' prints");
     if (t["p"].empty()) report.error("the record has no public key (empty or missing p=): revoked");
     if (t.count("t") && t["t"].find('y') != std::string::npos)
         report.warning("the record is in testing mode (t=y): receivers may ignore failures");
-    if (key && !t["p"].empty()) test_key(domain, selector, key.get(), ns, report);
+    if (!key || t["p"].empty() || !same_type) return;
+    if (want == "rsa")
+        test_key(domain, selector, key.get(), ns, report);
+    else if (record_matches(t["p"], key.get()))
+        report.ok("the published public key matches the private key");
+    else
+        report.error("the published public key does not match the private key: publish the "
+                     "record that 'keyseal-admin dns " +
+                     domain + " --selector " + selector + "' prints");
 }
 
 /* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
@@ -219,7 +334,7 @@ std::vector<std::pair<std::string, std::string>> all_keys()
     return out;
 }
 
-int cmd_check(const std::string &domain, const std::string &selector, const Nameservers &ns,
+int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
               const Access *user, bool all)
 {
     if (!all) {

@@ -18,7 +18,7 @@ namespace keyseal_admin
 namespace
 {
 
-const char *const POLICY_VARIABLES[] = {"PPP_INSIDE_SENDMAIL", "SMTP_AUTHORIZED", "TCPREMOTEIP"};
+const char *const POLICY_VARIABLES[] = {DK_ENV_SENDMAIL, DK_ENV_AUTHORIZED, DK_ENV_CLIENT};
 
 /* A message the signer accepts, so that only the key and the names can make it fail */
 const char SAMPLE[] = "From: keyseal-admin <explain@localhost>\n\nexplain\n";
@@ -45,7 +45,7 @@ void capture_log(int level, const char *fmt, ...)
 /* observe - one line per decision of the engine, as it takes it */
 void observe(void *data, int event, int number, const char *text)
 {
-    const char *tcp = getenv("TCPREMOTEIP");
+    const char *tcp = getenv(DK_ENV_CLIENT);
     switch (event) {
     case DK_EVENT_POLICY:
         printf("policy: %s\n", text);
@@ -84,8 +84,8 @@ int cmd_explain(const std::string &from, const std::string &context,
         for (const char *v : POLICY_VARIABLES)
             known |= name == v;
         if (eq == std::string::npos || !known)
-            throw Usage("--env takes NAME=VALUE with NAME one of PPP_INSIDE_SENDMAIL, "
-                        "SMTP_AUTHORIZED, TCPREMOTEIP: '" +
+            throw Usage("--env takes NAME=VALUE with NAME one of " DK_ENV_SENDMAIL
+                        ", " DK_ENV_AUTHORIZED ", " DK_ENV_CLIENT ": '" +
                         setting + "'");
         setenv(name.c_str(), setting.c_str() + eq + 1, 1);
     }
@@ -103,6 +103,17 @@ int cmd_explain(const std::string &from, const std::string &context,
     const char *domain = mh_from_domain(from.c_str());
     char *selector = dk_selector_from_context(context.c_str());
     printf("sender: '%s', signing domain '%s'\n", from.c_str(), domain);
+    /* the handler takes the domain as given; keyseal-milter hands it over canonical */
+    char *canonical = *domain != '\0' ? dk_domain_canonical(domain) : nullptr;
+    if (*domain != '\0' && canonical == nullptr)
+        printf("note: keyseal-milter would not give this sender to the handler: '%s' is not a "
+               "host name\n",
+               domain);
+    else if (canonical != nullptr && strcmp(canonical, domain) != 0)
+        printf("note: keyseal-milter would hand the handler '%s' (lower case, no trailing dot), "
+               "the name keyseal-admin keeps keys under; this replay uses '%s' as given\n",
+               canonical, domain);
+    free(canonical);
     printf("selector: '%s'%s\n", selector,
            context.find(DK_CONTEXT_SELECTOR) == std::string::npos ? " (no dkimsel= in CONTEXT)"
                                                                   : "");

@@ -46,7 +46,9 @@ std::string as_root()
     return errno == EACCES || errno == EPERM ? ": run keyseal-admin as root" : "";
 }
 
-gid_t group_id(const std::string &group)
+} // namespace
+
+gid_t key_group(const std::string &group)
 {
     if (group.empty()) {
         /* the readers: keyseal-milter's group where it exists, else the keys directory's
@@ -64,7 +66,7 @@ gid_t group_id(const std::string &group)
 }
 
 /* make_dir - a directory of mode with the key readers' group, unless it exists */
-void make_dir(const std::string &dir, mode_t mode, gid_t gid)
+static void make_dir(const std::string &dir, mode_t mode, gid_t gid)
 {
     if (mkdir(dir.c_str(), mode) != 0) {
         if (errno == EEXIST) return;
@@ -74,7 +76,7 @@ void make_dir(const std::string &dir, mode_t mode, gid_t gid)
         throw Problem("cannot set owner and mode of " + errno_text(dir) + as_root());
 }
 
-/* write_key - PEM through a temporary file beside the key and rename: never half a key */
+/* write_key - never half a key: a reader sees the old file or the whole new one */
 void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
 {
     std::string tmp = path.substr(0, path.rfind('/') + 1) + ".keygen.XXXXXX";
@@ -93,26 +95,29 @@ void write_key(EVP_PKEY *key, const std::string &path, gid_t gid)
     throw Problem("cannot write the key " + errno_text(path) + as_root());
 }
 
-/* keep_replaced - a hard link to the key about to be replaced, under a name that begins with
- * '.' so that it is never taken for a selector; "" when there is no key yet */
-std::string keep_replaced(const std::string &dir, const std::string &selector)
+std::string keep_aside(const std::string &dir, const std::string &selector, const char *what)
 {
     std::string path = dir + "/" + selector;
     if (access(path.c_str(), F_OK) != 0) return "";
     char stamp[32];
     time_t now = time(nullptr);
     strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
-    std::string kept = dir + "/." + selector + ".replaced-" + stamp;
+    std::string base = dir + "/." + selector + "." + what + "-" + stamp, kept = base;
     for (int n = 1; link(path.c_str(), kept.c_str()) != 0; n++) {
         if (errno != EEXIST || n > 99)
-            throw Problem("cannot keep the replaced key as " + errno_text(kept) +
-                          "; nothing was changed");
-        kept = dir + "/." + selector + ".replaced-" + stamp + "-" + std::to_string(n);
+            throw Problem("cannot keep the key as " + errno_text(kept) + "; nothing was changed");
+        kept = base + "-" + std::to_string(n);
     }
     return kept;
 }
 
-} // namespace
+std::string keys_dir_for(const std::string &domain, gid_t gid)
+{
+    std::string dir = std::string(DK_KEYS_DIR) + "/" + domain;
+    make_dir(DK_KEYS_DIR, 0755, 0);
+    make_dir(dir, 0750, gid);
+    return dir;
+}
 
 int read_key_text(const std::string &path, std::string &text)
 {
@@ -144,21 +149,70 @@ static Pkey load_private_key(const std::string &text)
     return key;
 }
 
-Pkey load_rsa_key(std::string &text)
+Pkey load_key(std::string &text)
 {
     Pkey key = load_private_key(text);
     OPENSSL_cleanse(text.data(), text.size());
-    return key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_RSA ? std::move(key) : nullptr;
+    if (!key) return nullptr;
+    int id = EVP_PKEY_get_base_id(key.get());
+    return id == EVP_PKEY_RSA || id == EVP_PKEY_ED25519 ? std::move(key) : nullptr;
+}
+
+std::string key_type(EVP_PKEY *key)
+{
+    return EVP_PKEY_get_base_id(key) == EVP_PKEY_ED25519 ? "ed25519" : "rsa";
+}
+
+std::string key_description(EVP_PKEY *key)
+{
+    if (key_type(key) == "ed25519") return "Ed25519 key";
+    return "RSA key of " + std::to_string(EVP_PKEY_get_bits(key)) + " bits";
+}
+
+const char ED25519_NOTE[] =
+    "an Ed25519 key signs through keyseal-milter only (ed25519-sha256): the handler "
+    "chain's keyseal signs rsa-sha256 and fails with it";
+
+bool milter_installed()
+{
+    char self[4096];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    std::string beside = n > 0 ? std::string(self, (size_t)n) : "";
+    beside = beside.substr(0, beside.rfind('/') + 1) + "keyseal-milter";
+    return access(MILTER_CONF_PATH, F_OK) == 0 || (n > 0 && access(beside.c_str(), X_OK) == 0);
+}
+
+Pkey generate_key(const std::string &type, int bits)
+{
+    Pkey key(type == "ed25519" ? EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")
+                               : EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", (size_t)bits));
+    if (!key)
+        throw Problem(type == "ed25519"
+                          ? "cannot generate an Ed25519 key"
+                          : "cannot generate an RSA key of " + std::to_string(bits) + " bits");
+    return key;
 }
 
 std::string public_key_base64(EVP_PKEY *key)
 {
-    unsigned char *der = nullptr;
-    int n = i2d_PUBKEY(key, &der);
-    if (n <= 0) throw Problem("cannot encode the public key");
-    std::string b64(4 * ((size_t)n + 2) / 3 + 1, '\0');
-    b64.resize((size_t)EVP_EncodeBlock((unsigned char *)b64.data(), der, n));
-    OPENSSL_free(der);
+    std::string raw;
+    if (key_type(key) == "ed25519") {
+        /* an Ed25519 record carries the bare public key, not a SubjectPublicKeyInfo */
+        size_t n = 32;
+        raw.resize(n);
+        if (EVP_PKEY_get_raw_public_key(key, (unsigned char *)raw.data(), &n) != 1)
+            throw Problem("cannot encode the public key");
+        raw.resize(n);
+    } else {
+        unsigned char *der = nullptr;
+        int n = i2d_PUBKEY(key, &der);
+        if (n <= 0) throw Problem("cannot encode the public key");
+        raw.assign((const char *)der, (size_t)n);
+        OPENSSL_free(der);
+    }
+    std::string b64(4 * (raw.size() + 2) / 3 + 1, '\0');
+    b64.resize((size_t)EVP_EncodeBlock((unsigned char *)b64.data(),
+                                       (const unsigned char *)raw.data(), (int)raw.size()));
     return b64;
 }
 
@@ -171,10 +225,9 @@ std::string key_pem(EVP_PKEY *key)
     return bio_text(out.get());
 }
 
-std::string dns_record(const std::string &domain, const std::string &selector,
-                       const std::string &public_b64)
+std::string dns_record(const std::string &domain, const std::string &selector, EVP_PKEY *key)
 {
-    std::string head = "v=DKIM1; k=rsa; ", value = "p=" + public_b64;
+    std::string head = "v=DKIM1; k=" + key_type(key) + "; ", value = "p=" + public_key_base64(key);
     std::string out = selector + "._domainkey." + domain + ". IN TXT ( \"" + head + "\"";
     for (size_t at = 0; at < value.size(); at += DNS_STRING_MAX)
         out += "\n\t\"" + value.substr(at, DNS_STRING_MAX) + "\"";
@@ -209,13 +262,19 @@ Pkey inspect_key(const std::string &path, Report &report)
         report.error("key file " + path + " is writable by group or others: chmod 0640");
     else if (st.st_mode & S_IROTH)
         report.warning("key file " + path + " is readable by others: chmod 0640");
-    Pkey pkey = load_rsa_key(key);
+    Pkey pkey = load_key(key);
     if (!pkey) {
-        report.error("key file " + path + " does not hold an RSA private key (PEM or base64 DER)");
+        report.error("key file " + path +
+                     " does not hold an RSA or Ed25519 private key (PEM or base64 DER)");
         return nullptr;
     }
+    std::string size = key_description(pkey.get());
+    if (key_type(pkey.get()) == "ed25519") {
+        report.ok(size);
+        report.note(ED25519_NOTE);
+        return pkey;
+    }
     int bits = EVP_PKEY_get_bits(pkey.get());
-    std::string size = "RSA key of " + std::to_string(bits) + " bits";
     if (bits < MIN_BITS)
         report.error(size + ": the signer refuses keys below 1024 bits");
     else if (bits < GOOD_BITS)
@@ -225,20 +284,18 @@ Pkey inspect_key(const std::string &path, Report &report)
     return bits < MIN_BITS ? nullptr : std::move(pkey);
 }
 
-int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
+int cmd_keygen(std::string domain, const std::string &selector, const std::string &type, int bits,
                const std::string &group, bool force)
 {
     check_names(domain, selector);
-    gid_t gid = group_id(group);
-    std::string dir = std::string(DK_KEYS_DIR) + "/" + domain, path = key_path(domain, selector);
+    gid_t gid = key_group(group);
+    std::string path = key_path(domain, selector);
     if (!force && access(path.c_str(), F_OK) == 0)
         throw Problem("a key exists already: " + path + " (--force replaces it)");
 
-    Pkey key(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", (size_t)bits));
-    if (!key) throw Problem("cannot generate an RSA key of " + std::to_string(bits) + " bits");
-    make_dir(DK_KEYS_DIR, 0755, 0);
-    make_dir(dir, 0750, gid);
-    std::string kept = force ? keep_replaced(dir, selector) : "";
+    Pkey key = generate_key(type, bits);
+    std::string dir = keys_dir_for(domain, gid);
+    std::string kept = force ? keep_aside(dir, selector, "replaced") : "";
     try {
         write_key(key.get(), path, gid);
     } catch (const Problem &) {
@@ -248,13 +305,15 @@ int cmd_keygen(const std::string &domain, const std::string &selector, int bits,
     struct group *g = getgrgid(gid);
     if (!kept.empty())
         fprintf(stderr, "kept the replaced key as %s (mv it back to undo)\n", kept.c_str());
-    fprintf(stderr, "wrote %s (RSA %d bits, mode 0640, group %s); publish this record:\n",
-            path.c_str(), bits, g != nullptr ? g->gr_name : std::to_string(gid).c_str());
-    fputs(dns_record(domain, selector, public_key_base64(key.get())).c_str(), stdout);
+    std::string what = type == "ed25519" ? "Ed25519" : "RSA " + std::to_string(bits) + " bits";
+    fprintf(stderr, "wrote %s (%s, mode 0640, group %s); publish this record:\n", path.c_str(),
+            what.c_str(), g != nullptr ? g->gr_name : std::to_string(gid).c_str());
+    if (type == "ed25519") fprintf(stderr, "note: %s\n", ED25519_NOTE);
+    fputs(dns_record(domain, selector, key.get()).c_str(), stdout);
     return EXIT_OK;
 }
 
-int cmd_dns(const std::string &domain, const std::string &selector)
+int cmd_dns(std::string domain, const std::string &selector)
 {
     check_names(domain, selector);
     std::string path = key_path(domain, selector), key;
@@ -266,12 +325,13 @@ int cmd_dns(const std::string &domain, const std::string &selector)
                 ? path + ": larger than a key file may be (9215 bytes): replace it with " + remake +
                       " --force'"
                 : "cannot read the key " + errno_text(path) + ": make one with " + remake + "'");
-    Pkey pkey = load_rsa_key(key);
+    Pkey pkey = load_key(key);
     if (!pkey)
         throw Problem(path +
-                      " does not hold an RSA private key (PEM or base64 DER): replace it with " +
+                      " does not hold an RSA or Ed25519 private key (PEM or base64 DER): "
+                      "replace it with " +
                       remake + " --force'");
-    fputs(dns_record(domain, selector, public_key_base64(pkey.get())).c_str(), stdout);
+    fputs(dns_record(domain, selector, pkey.get()).c_str(), stdout);
     return EXIT_OK;
 }
 

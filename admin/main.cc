@@ -30,6 +30,8 @@ int main(int argc, char **argv)
 {
     /* before anything logs: the library's messages belong on the terminal, not in syslog */
     halyx_log_init("stderr", LOG_INFO, LOG_MAIL, 0, nullptr);
+    /* a line at a time: what goes to standard output and error reads in the order written */
+    setvbuf(stdout, nullptr, _IOLBF, 0);
 
     CLI::App app{"keyseal-admin - keys, DNS records, checks and the self-test for keyseal"};
     app.set_version_flag("--version", "keyseal-admin " KEYSEAL_VERSION);
@@ -37,6 +39,7 @@ int main(int argc, char **argv)
     std::string domain, selector = DK_DEFAULT_SELECTOR, group, nameservers;
     std::string keyseal = installed_handler();
     int bits = 2048;
+    std::string type = "rsa";
     bool force = false;
     std::string user = Access::default_user();
     bool all = false;
@@ -55,7 +58,10 @@ int main(int argc, char **argv)
 
     auto *keygen = app.add_subcommand("keygen", "generate a domain's key and print its DNS record");
     domain_arg(keygen);
-    keygen->add_option("--bits", bits, "key size")
+    keygen->add_option("--type", type, "the key's type")
+        ->check(CLI::IsMember({"rsa", "ed25519"}))
+        ->capture_default_str();
+    keygen->add_option("--bits", bits, "an RSA key's size")
         ->check(CLI::IsMember({1024, 2048, 3072, 4096}))
         ->capture_default_str();
     keygen->add_option("--group", group,
@@ -93,6 +99,13 @@ int main(int argc, char **argv)
     explain->add_option("--env", env, "NAME=VALUE for a policy variable (repeatable)");
     std::string message;
     explain->add_option("--message", message, "the message (default: a sample from the sender)");
+    std::string queue_id;
+    std::vector<std::string> logs;
+    explain
+        ->add_option("--queue-id", queue_id,
+                     "instead: what the mail log says became of this Postfix queue id")
+        ->excludes("--from", "--context", "--env", "--message");
+    explain->add_option("FILE", logs, "with --queue-id: mail log files (default: the journal)");
     std::string since;
     bool json = false;
     std::vector<std::string> files;
@@ -105,6 +118,33 @@ int main(int argc, char **argv)
     postfix->add_subcommand("setup", "write the settings with postconf, keeping copies");
     postfix->add_subcommand("check", "name every pitfall of the live configuration");
     postfix->add_subcommand("remove", "take keyseal-milter out of Postfix's milter lists");
+    auto *rotate = app.add_subcommand("rotate", "replace a domain's key without a gap in signing");
+    rotate->require_subcommand(1);
+    std::string rotate_type, selector_of, replaces, new_selector;
+    std::vector<std::string> rotate_ns;
+    auto *start = rotate->add_subcommand("start", "a new key under a new selector, to publish");
+    start->add_option("DOMAIN", domain, "the signing domain")->required();
+    start->add_option("--type", rotate_type, "the new key's type (default: the old key's)")
+        ->check(CLI::IsMember({"rsa", "ed25519"}));
+    start->add_option("-s,--selector", new_selector, "the new selector (default: sYYYYMMDD)");
+    start
+        ->add_option("--selector-of", selector_of,
+                     "of a domain that signs twice, rotate the selector of this key type")
+        ->check(CLI::IsMember({"rsa", "ed25519"}));
+    start->add_option("--replaces", replaces,
+                      "the selector being replaced, where it cannot be found out (the handler "
+                      "chain's CONTEXT)");
+    rotate->add_subcommand("status", "each domain in rotation, and the next step")
+        ->add_option("DOMAIN", domain, "only this domain");
+    auto *sw = rotate->add_subcommand(
+        "switch", "sign with the new selector once every nameserver serves its record");
+    sw->add_option("DOMAIN", domain, "the signing domain")->required();
+    sw->add_option("--nameserver", rotate_ns,
+                   "ask these IPv4 servers instead of the zone's NS (repeatable, or ',' lists)");
+    sw->add_flag("--force", force, "switch even when a server does not serve the new key");
+    auto *retire = rotate->add_subcommand("retire", "move the old key aside after a week");
+    retire->add_option("DOMAIN", domain, "the signing domain")->required();
+    retire->add_flag("--force", force, "retire before the grace period is over");
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
@@ -141,22 +181,43 @@ int main(int argc, char **argv)
 
     CLI::App *command = app.get_subcommands().front();
     std::string name = command->get_name();
-    if (name == "whitelist" || name == "postfix")
+    if (name == "whitelist" || name == "postfix" || name == "rotate")
         name += " " + command->get_subcommands().front()->get_name();
     try {
-        if (name == "keygen") return cmd_keygen(domain, selector, bits, group, force);
+        /* keys are stored and looked up under the domain as mail servers compare it */
+        if (!domain.empty()) domain = canonical_domain(domain);
+        if (name == "keygen") {
+            if (type != "rsa" && keygen->count("--bits") > 0)
+                throw Usage("--bits is for RSA keys; an Ed25519 key has one size");
+            return cmd_keygen(domain, selector, type, bits, group, force);
+        }
         if (name == "dns") return cmd_dns(domain, selector);
         if (name == "whitelist list") return cmd_whitelist_list();
         if (name == "whitelist lint") return cmd_whitelist_lint();
         if (name == "whitelist add") return cmd_whitelist_add(network);
         if (name == "whitelist remove") return cmd_whitelist_remove(network);
         if (name == "whitelist check") return cmd_whitelist_check(network);
-        if (name == "explain") return cmd_explain(from, context, env, message);
+        if (name == "explain" && !queue_id.empty()) return cmd_explain_queue(queue_id, logs);
+        if (name == "explain") {
+            if (!logs.empty()) throw Usage("log FILEs go with --queue-id");
+            return cmd_explain(from, context, env, message);
+        }
         if (name == "spool") return cmd_spool(clean, older_than);
         if (name == "report") return cmd_report(since, json, files);
         if (name == "postfix setup") return cmd_postfix_setup();
         if (name == "postfix check") return cmd_postfix_check();
         if (name == "postfix remove") return cmd_postfix_remove();
+        if (name == "rotate start")
+            return cmd_rotate_start(domain, rotate_type, new_selector, selector_of, replaces);
+        if (name == "rotate status") return cmd_rotate_status(domain);
+        if (name == "rotate switch") {
+            Nameservers given;
+            for (const auto &list : rotate_ns)
+                for (const auto &ip : parse_nameservers(list))
+                    given.push_back(ip);
+            return cmd_rotate_switch(domain, given, force);
+        }
+        if (name == "rotate retire") return cmd_rotate_retire(domain, force);
         Nameservers ns = parse_nameservers(nameservers);
         std::unique_ptr<Access> as;
         if (!user.empty()) as = std::make_unique<Access>(user);

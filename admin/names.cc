@@ -19,32 +19,29 @@ void Report::line(const char *kind, const std::string &what) const
     fflush(stdout);
 }
 
-/* name_problem - why the handler would build a bad key path from name, or null */
-static const char *name_problem(const std::string &name)
-{
-    if (name.empty()) return "it is empty";
-    if (name.find('/') != std::string::npos) return "it holds '/'";
-    if (name[0] == '.') return "it begins with '.'";
-    for (unsigned char c : name)
-        if (c <= ' ' || c == 0x7f) return "it holds white space or a control byte";
-    return nullptr;
-}
-
 bool valid_name(const std::string &name)
 {
-    return name_problem(name) == nullptr;
+    /* a key's directory and file are each one path component a CONTEXT can name */
+    return dk_selector_problem(name.c_str()) == nullptr;
 }
 
-static void check_name(const char *what, const std::string &name)
+std::string canonical_domain(const std::string &domain)
 {
-    if (const char *why = name_problem(name))
-        throw Usage(std::string("invalid ") + what + " '" + name + "': " + why);
+    char *c = dk_domain_canonical(domain.c_str());
+    if (c == nullptr)
+        throw Usage("invalid domain '" + domain +
+                    "': not a host name (letters, digits, hyphens and dots) or an address "
+                    "literal such as [192.0.2.1]");
+    std::string out = c;
+    free(c);
+    return out;
 }
 
-void check_names(const std::string &domain, const std::string &selector)
+void check_names(std::string &domain, const std::string &selector)
 {
-    check_name("domain", domain);
-    check_name("selector", selector);
+    domain = canonical_domain(domain);
+    if (const char *why = dk_selector_problem(selector.c_str()))
+        throw Usage("invalid selector '" + selector + "': " + why);
 }
 
 Nameservers parse_nameservers(const std::string &list)

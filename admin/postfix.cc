@@ -1,13 +1,22 @@
 #include "admin/admin.h"
+#include "admin/maillog.h"
+#include "admin/report.h"
 
 #include "milter/milter_conf.h"
+#include "net/ip_network.hpp"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <netdb.h>
 #include <pwd.h>
 #include <sstream>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +28,11 @@ namespace
 
 const char POSTCONF[] = "/usr/sbin/postconf";
 const char CLEANUP_MARK[] = "cleanup/unix/milter_macro_daemon_name";
+const char START_MILTER[] = "systemctl start keyseal-milter";
+/* what setup changed and what was there before, in Postfix's configuration directory */
+const char SETUP_RECORD[] = "keyseal-setup";
+const char COPY_STEM[] = ".keyseal-"; /* main.cf.keyseal-STAMP */
+const size_t COPIES_KEPT = 3;         /* pairs of copies setup keeps */
 
 std::string trimmed(std::string s)
 {
@@ -67,9 +81,10 @@ bool chrooted(const std::string &service)
 }
 
 struct Socket {
-    std::string postfix; /* the value Postfix's smtpd and cleanup must be given */
-    std::string outside; /* a unix socket's path as seen outside the chroot, or "" */
-    std::string path;    /* the socket file, or "" for an inet socket */
+    std::string postfix;    /* the value Postfix's smtpd and cleanup must be given */
+    std::string outside;    /* a unix socket's path as seen outside the chroot, or "" */
+    std::string path;       /* the socket file, or "" for an inet socket */
+    std::string host, port; /* an inet socket's address */
 };
 
 /* socket - the milter's socket as Postfix names it: a chrooted smtpd and cleanup see the
@@ -97,12 +112,51 @@ Socket socket_for(const keyseal_milter::Config &c, bool chroot)
         }
         return s;
     }
-    /* the milter's inet:PORT@HOST is Postfix's inet:HOST:PORT */
-    size_t at = v.find('@');
-    std::string port = v.substr(v.find(':') + 1,
-                                at == std::string::npos ? std::string::npos : at - v.find(':') - 1);
-    s.postfix = "inet:" + (at == std::string::npos ? "127.0.0.1" : v.substr(at + 1)) + ":" + port;
+    /* the milter's inet:PORT@HOST (no host: loopback) is Postfix's inet:HOST:PORT, with an
+     * IPv6 address in brackets */
+    size_t colon = v.find(':'), at = v.find('@');
+    bool six = v.rfind("inet6:", 0) == 0;
+    s.port = v.substr(colon + 1, at == std::string::npos ? std::string::npos : at - colon - 1);
+    s.host = at != std::string::npos ? v.substr(at + 1) : six ? "::1" : "127.0.0.1";
+    s.postfix = "inet:" + (s.host.find(':') != std::string::npos ? "[" + s.host + "]" : s.host) +
+                ":" + s.port;
     return s;
+}
+
+/* loopback - whether every address host stands for is a loopback address */
+bool loopback(const std::string &host)
+{
+    static const halyx::net::IPAnyNetwork v4("127.0.0.0/8"), v6("::1/128");
+    addrinfo hints{}, *res = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0) return false;
+    bool all = true;
+    for (addrinfo *a = res; a; a = a->ai_next) {
+        char ip[NI_MAXHOST];
+        all &= getnameinfo(a->ai_addr, a->ai_addrlen, ip, sizeof(ip), nullptr, 0, NI_NUMERICHOST) ==
+                   0 &&
+               (v4.contains(ip) || v6.contains(ip));
+    }
+    freeaddrinfo(res);
+    return all;
+}
+
+/* connect_errno - 0 when something listens at host:port, else connect()'s errno; the
+ * wildcard addresses are reached through loopback, as Postfix reaches them */
+int connect_errno(const std::string &host, const std::string &port)
+{
+    std::string to = host == "0.0.0.0" ? "127.0.0.1" : host == "::" ? "::1" : host;
+    addrinfo hints{}, *res = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    if (getaddrinfo(to.c_str(), port.c_str(), &hints, &res) != 0) return EHOSTUNREACH;
+    int err = ECONNREFUSED;
+    for (addrinfo *a = res; a && err != 0; a = a->ai_next) {
+        int fd = socket(a->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        err = fd < 0 || connect(fd, a->ai_addr, a->ai_addrlen) != 0 ? errno : 0;
+        if (fd >= 0) close(fd);
+    }
+    freeaddrinfo(res);
+    return err;
 }
 
 keyseal_milter::Config milter_config()
@@ -163,20 +217,127 @@ void reload_if_running()
                        : "Postfix did not reload: run postfix reload");
 }
 
-} // namespace
-
-int cmd_postfix_setup()
+/* Settings - main.cf's and master.cf's settings as they were before a change, and the
+ * changes, written in one go (postconf reads main.cf again only a moment after it was
+ * written).  A SERVICE/TYPE/NAME is a -o of master.cf. */
+class Settings
 {
-    keyseal_milter::Config c = milter_config();
-    Socket sock = socket_for(c, same_chroot());
-    std::string dir = get("config_directory");
+  public:
+    Settings()
+    {
+        for (const char *flag : {"-n", "-P"}) {
+            std::istringstream in(postconf({flag}));
+            for (std::string line; std::getline(in, line);) {
+                size_t eq = line.find(" =");
+                if (eq != std::string::npos)
+                    explicit_[line.substr(0, eq)] = trimmed(line.substr(eq + 2));
+            }
+        }
+    }
+    bool is_explicit(const std::string &name) const { return explicit_.count(name) != 0; }
+    /* value - the setting in effect: main.cf's or the -o's, else Postfix's default */
+    std::string value(const std::string &name) const
+    {
+        auto it = explicit_.find(name);
+        if (it != explicit_.end()) return it->second;
+        return master(name) ? "" : get(name);
+    }
+    void set(const std::string &name, const std::string &value)
+    {
+        (master(name) ? set_master_ : set_main_).push_back(name + "=" + value);
+    }
+    void drop(const std::string &name)
+    {
+        (master(name) ? drop_master_ : drop_main_).push_back(name);
+    }
+    void write() const
+    {
+        for (const auto &[flag, args] : {std::pair{"-e", &set_main_},
+                                         {"-X", &drop_main_},
+                                         {"-P", &set_master_},
+                                         {"-PX", &drop_master_}}) {
+            if (args->empty()) continue;
+            std::vector<std::string> all{flag};
+            all.insert(all.end(), args->begin(), args->end());
+            postconf(all);
+        }
+    }
 
+  private:
+    static bool master(const std::string &name) { return name.find('/') != std::string::npos; }
+    std::map<std::string, std::string> explicit_;
+    std::vector<std::string> set_main_, drop_main_, set_master_, drop_master_;
+};
+
+/* Record - for each setting setup changed: the value it wrote, and whether main.cf or
+ * master.cf had it before, with which value.  remove undoes a change only while the
+ * setting still has setup's value; a setting setup found as it wanted it is the
+ * administrator's and stays. */
+struct Change {
+    std::string wrote;
+    bool absent = true; /* not set in main.cf or master.cf before setup */
+    std::string before;
+};
+using Record = std::map<std::string, Change>;
+
+std::string record_path()
+{
+    return get("config_directory") + "/" + SETUP_RECORD;
+}
+
+/* read_record - NAME, the value written, "absent" or "was" and the value before, split by
+ * tabs; lines of another form are ignored */
+Record read_record(const std::string &path)
+{
+    Record r;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        std::vector<std::string> f;
+        size_t from = 0;
+        for (size_t tab; f.size() < 3 && (tab = line.find('\t', from)) != std::string::npos;
+             from = tab + 1)
+            f.push_back(line.substr(from, tab - from));
+        f.push_back(line.substr(from));
+        if (f.size() == 3 && f[2] == "absent")
+            r[f[0]] = {f[1], true, ""};
+        else if (f.size() == 4 && f[2] == "was")
+            r[f[0]] = {f[1], false, f[3]};
+    }
+    return r;
+}
+
+void write_record(const std::string &path, const Record &r)
+{
+    std::string tmp = path + ".new";
+    {
+        std::ofstream out(tmp, std::ios::trunc);
+        out << "# keyseal-admin postfix setup: each setting it changed, the value it wrote and "
+               "what was there before;\n# keyseal-admin postfix remove undoes what still has "
+               "setup's value\n";
+        for (const auto &[name, c] : r)
+            out << name << '\t' << c.wrote << '\t' << (c.absent ? "absent" : "was\t" + c.before)
+                << '\n';
+        if (!out.flush())
+            throw Problem("cannot write " + tmp + ": " + strerror(errno) +
+                          "; postfix remove will leave setup's settings in place");
+    }
+    if (rename(tmp.c_str(), path.c_str()) != 0)
+        throw Problem("cannot write " + path + ": " + strerror(errno));
+}
+
+/* copy_configuration - main.cf and master.cf copied to NAME.keyseal-STAMP (a counter added
+ * within one second); the pairs beyond the newest COPIES_KEPT removed.  The copies made. */
+std::vector<std::string> copy_configuration(const std::string &dir)
+{
     char stamp[32];
     time_t now = time(nullptr);
     strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
+    std::string suffix = stamp;
+    for (int n = 2; std::filesystem::exists(dir + "/main.cf" + COPY_STEM + suffix) && n < 10; n++)
+        suffix = std::string(stamp) + "." + std::to_string(n);
     std::vector<std::string> kept;
     for (const char *file : {"main.cf", "master.cf"}) {
-        std::string from = dir + "/" + file, to = from + ".keyseal-" + stamp;
+        std::string from = dir + "/" + file, to = from + COPY_STEM + suffix;
         std::error_code ec;
         std::filesystem::copy_file(from, to, ec);
         if (ec)
@@ -184,31 +345,210 @@ int cmd_postfix_setup()
                           "; nothing was changed");
         kept.push_back(to);
     }
+    /* a stamp sorts in time order, and a counter after the stamp it extends */
+    std::vector<std::string> stamps;
+    std::string stem = std::string("main.cf") + COPY_STEM;
+    for (const auto &e : std::filesystem::directory_iterator(dir)) {
+        std::string name = e.path().filename();
+        if (name.rfind(stem, 0) == 0 && name.size() > stem.size() &&
+            isdigit((unsigned char)name[stem.size()]))
+            stamps.push_back(name.substr(stem.size()));
+    }
+    std::sort(stamps.rbegin(), stamps.rend());
+    for (size_t i = COPIES_KEPT; i < stamps.size(); i++)
+        for (const char *file : {"main.cf", "master.cf"}) {
+            std::string old = dir + "/" + file + COPY_STEM + stamps[i];
+            if (unlink(old.c_str()) == 0) printf("removed old copy: %s\n", old.c_str());
+        }
+    return kept;
+}
 
-    auto change = [](const std::string &name, const std::string &old, const std::string &value) {
+/* check_socket - the milter's socket: something listens there, Postfix's user reaches it,
+ * and an inet socket is not open to other hosts */
+void check_socket(const keyseal_milter::Config &c, const Socket &sock, Report &report)
+{
+    const std::string stopped = std::string("keyseal-milter is not running: ");
+    const std::string start = "; start it: " + std::string(START_MILTER);
+    if (sock.path.empty()) {
+        std::string where = sock.postfix;
+        int err = connect_errno(sock.host, sock.port);
+        if (err == ECONNREFUSED)
+            report.error(stopped + "nothing listens on " + where + start);
+        else if (err != 0)
+            report.error("cannot connect to " + where + ": " + strerror(err));
+        else
+            report.ok("keyseal-milter answers on " + where);
+        if (!loopback(sock.host))
+            report.warning(c.path + " has keyseal-milter listen on " + c.socket +
+                           ", not on loopback: whoever can reach it can have any message signed "
+                           "with this server's keys; write socket inet:" +
+                           sock.port +
+                           "@127.0.0.1 (or the default unix socket), or list the hosts allowed "
+                           "in clients and keep all others out with a firewall");
+        else
+            report.note("an inet socket on loopback lets every local user have any message "
+                        "signed, whatever the key files' modes; the default unix socket " +
+                        std::string(MILTER_DEFAULT_SOCKET) + " reaches Postfix alone");
+        return;
+    }
+    if (access(sock.path.c_str(), F_OK) != 0) {
+        report.error(stopped + "no socket " + errno_text(sock.path) + start);
+        return;
+    }
+    Access postfix(get("mail_owner"));
+    int err = postfix.errors({{sock.path, Access::CONNECT}})[0];
+    if (err == 0)
+        report.ok("user " + postfix.user + " can connect to " + sock.path);
+    else if (err == ECONNREFUSED)
+        report.error(stopped + "nothing listens on " + sock.path + " (a socket file left behind)" +
+                     start);
+    else
+        report.error("user " + postfix.user + " cannot connect to " + sock.path + ": " +
+                     strerror(err) + "; the socket's directory must be setgid group " +
+                     postfix.group + " (install -d -o " + MILTER_USER + " -g " + postfix.group +
+                     " -m 2750 " + sock.path.substr(0, sock.path.rfind('/')) + ")");
+}
+
+/* postfix_version - mail_version as major * 100 + minor (3.6 is 306) */
+int postfix_version()
+{
+    int major = 0, minor = 0;
+    sscanf(postconf({"-dh", "mail_version"}).c_str(), "%d.%d", &major, &minor);
+    return major * 100 + minor;
+}
+
+/* check_sender_login - keyseal signs for the envelope sender's domain: whoever may choose
+ * any envelope sender may have mail signed as any domain this server hosts.  For each
+ * smtpd with SASL on, its restrictions must compare the login with the sender through a
+ * map; sendmail's users are held to their addresses by local_login_sender_maps. */
+void check_sender_login(Report &report)
+{
+    std::map<std::string, std::string> main_cf, overrides; /* -o: SERVICE/TYPE/NAME */
+    std::istringstream o(postconf({"-Px"}));
+    for (std::string line; std::getline(o, line);) {
+        size_t eq = line.find(" = ");
+        if (eq != std::string::npos) overrides[line.substr(0, eq)] = trimmed(line.substr(eq + 3));
+    }
+    auto setting = [&](const std::string &service, const std::string &name) {
+        auto it = overrides.find(service + "/" + name);
+        if (it != overrides.end()) return it->second;
+        if (!main_cf.count(name)) main_cf[name] = postconf({"-xh", name});
+        return main_cf[name];
+    };
+    static const char *restrictions[] = {
+        "smtpd_sender_restrictions", "smtpd_recipient_restrictions", "smtpd_relay_restrictions"};
+    std::istringstream services(postconf({"-F", "*/*/command"}));
+    for (std::string line; std::getline(services, line);) {
+        size_t eq = line.find("/command = ");
+        if (eq == std::string::npos) continue;
+        std::string service = line.substr(0, eq), command = trimmed(line.substr(eq + 11));
+        if (command.substr(0, command.find(' ')) != "smtpd" ||
+            setting(service, "smtpd_sasl_auth_enable") != "yes")
+            continue;
+        bool guarded = false;
+        for (const char *r : restrictions)
+            for (const auto &word : list(setting(service, r)))
+                guarded |= word == "reject_sender_login_mismatch" ||
+                           word == "reject_authenticated_sender_login_mismatch";
+        bool mapped = !setting(service, "smtpd_sender_login_maps").empty();
+        if (guarded && mapped) {
+            report.ok(service + " (SASL on) rejects a sender the login does not own "
+                                "(reject_sender_login_mismatch, smtpd_sender_login_maps)");
+            continue;
+        }
+        std::string fix;
+        if (!mapped)
+            fix = "list each login's addresses in a map (smtpd_sender_login_maps = "
+                  "hash:/etc/postfix/sender_login, lines 'ADDRESS-or-@DOMAIN LOGIN', then "
+                  "postmap it)";
+        if (!guarded) {
+            std::string where =
+                overrides.count(service + "/smtpd_sender_restrictions")
+                    ? " in master.cf's -o smtpd_sender_restrictions of " + service
+                    : " (postconf -e 'smtpd_sender_restrictions = "
+                      "reject_sender_login_mismatch" +
+                          std::string(get("smtpd_sender_restrictions").empty()
+                                          ? ""
+                                          : ", " + get("smtpd_sender_restrictions")) +
+                          "')";
+            fix += (fix.empty() ? "" : " and ") +
+                   std::string("put reject_sender_login_mismatch in smtpd_sender_restrictions") +
+                   where;
+        }
+        report.warning(service +
+                       " has SASL on and no reject_sender_login_mismatch with a "
+                       "smtpd_sender_login_maps: any authenticated user can have mail "
+                       "signed as any hosted domain; fix: " +
+                       fix);
+    }
+
+    if (postfix_version() < 306) {
+        report.note("Postfix " + postconf({"-dh", "mail_version"}) +
+                    " cannot hold local users to their sender addresses (local_login_sender_maps "
+                    "needs 3.6): any user who can run sendmail can have mail signed as any "
+                    "hosted domain");
+        return;
+    }
+    std::string local = get("local_login_sender_maps");
+    if (local == "static:*")
+        report.warning("local_login_sender_maps = static:*: any local user of sendmail (a web "
+                       "application too) can have mail signed as any hosted domain; fix: "
+                       "postconf -e 'local_login_sender_maps = inline:{ { root = * }, { postfix "
+                       "= * } }, hash:/etc/postfix/local_senders' with lines 'LOGIN ADDRESS "
+                       "@DOMAIN...' in local_senders, then postmap it");
+    else
+        report.ok("local_login_sender_maps = " + local +
+                  ": sendmail holds local users to their sender addresses");
+}
+
+} // namespace
+
+int cmd_postfix_setup()
+{
+    keyseal_milter::Config c = milter_config();
+    Socket sock = socket_for(c, same_chroot());
+    std::string dir = get("config_directory");
+    Settings settings;
+    Record record = read_record(record_path());
+    std::vector<std::string> lines;
+    /* a record outlives its setup when main.cf was replaced or the milter taken out by
+     * hand: it then describes a configuration that is gone */
+    bool named = false;
+    for (const char *name : {"smtpd_milters", "non_smtpd_milters"})
+        for (const auto &m : list(settings.value(name)))
+            named |= m == sock.postfix;
+    if (!named) record.clear();
+
+    /* change - name set to value; a change remembered with what was there before, unless
+     * an earlier setup's record already holds that */
+    auto change = [&](const std::string &name, const std::string &value, const std::string &what) {
+        std::string old = settings.value(name);
         if (old == value) {
-            printf("unchanged: %s = %s\n", name.c_str(), value.c_str());
+            lines.push_back("unchanged: " + what + " = " + value);
             return;
         }
-        postconf({"-e", name + "=" + value});
-        printf("changed: %s = %s (was: %s)\n", name.c_str(), value.c_str(),
-               old.empty() ? "empty" : old.c_str());
+        /* what was there before: an earlier setup's record while the setting still has
+         * the value that setup wrote, else what is there now */
+        auto it = record.find(name);
+        if (it == record.end() || it->second.wrote != old)
+            record[name] = {value, !settings.is_explicit(name), old};
+        record[name].wrote = value;
+        settings.set(name, value);
+        lines.push_back("changed: " + what + " = " + value +
+                        " (was: " + (old.empty() ? "empty" : old) + ")");
     };
-    for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
-        std::string old = get(name);
-        change(name, old, milter_list(old, sock, true));
-    }
-    change("milter_default_action", get("milter_default_action"), c.strict ? "tempfail" : "accept");
-    change("disable_mime_output_conversion", get("disable_mime_output_conversion"), "yes");
-    std::string mark = postconf({"-Ph", CLEANUP_MARK});
-    if (mark != MILTER_LOCAL_MARK) {
-        postconf({"-P", std::string(CLEANUP_MARK) + "=" + MILTER_LOCAL_MARK});
-        printf("changed: master.cf cleanup -o milter_macro_daemon_name=%s (marks mail "
-               "submitted with sendmail)\n",
-               MILTER_LOCAL_MARK);
-    } else {
-        printf("unchanged: master.cf cleanup -o milter_macro_daemon_name=%s\n", MILTER_LOCAL_MARK);
-    }
+    for (const char *name : {"smtpd_milters", "non_smtpd_milters"})
+        change(name, milter_list(settings.value(name), sock, true), name);
+    change("milter_default_action", c.strict ? "tempfail" : "accept", "milter_default_action");
+    change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion");
+    change(CLEANUP_MARK, MILTER_LOCAL_MARK,
+           "master.cf cleanup -o milter_macro_daemon_name (marks mail submitted with sendmail)");
+
+    std::vector<std::string> kept = copy_configuration(dir);
+    write_record(record_path(), record); /* first: remove must know what setup wrote */
+    settings.write();
+    for (const auto &line : lines)
+        printf("%s\n", line.c_str());
     printf("kept copies: %s %s\n", kept[0].c_str(), kept[1].c_str());
     reload_if_running();
     printf("next: keyseal-admin postfix check\n");
@@ -219,15 +559,57 @@ int cmd_postfix_remove()
 {
     keyseal_milter::Config c = milter_config();
     Socket sock = socket_for(c, same_chroot());
-    bool changed = false;
+    std::string path = record_path();
+    Record record = read_record(path);
+    Settings settings;
+    std::vector<std::string> lines;
+
+    /* put - name back to value, or out of main.cf/master.cf when absent */
+    auto put = [&](const std::string &name, bool absent, const std::string &value) {
+        if (absent) {
+            if (!settings.is_explicit(name)) return;
+            settings.drop(name);
+            lines.push_back("removed: " + name);
+        } else if (!settings.is_explicit(name) || settings.value(name) != value) {
+            settings.set(name, value);
+            lines.push_back("restored: " + name + " = " + value);
+        }
+    };
+    /* the milter lists: ours out, the site's own milters kept; a list left empty goes
+     * unless main.cf had it before setup */
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
-        std::string old = get(name), value = milter_list(old, sock, false);
-        if (value == old) continue;
-        postconf({"-e", std::string(name) + "=" + value});
-        printf("changed: %s = %s\n", name, value.c_str());
-        changed = true;
+        std::string old = settings.value(name), value = milter_list(old, sock, false);
+        auto it = record.find(name);
+        if (it == record.end() && list(value) == list(old)) continue; /* setup's hands off */
+        bool had = it != record.end() && !it->second.absent;
+        if (had && list(value) == list(it->second.before))
+            put(name, false, it->second.before);
+        else if (list(value).empty())
+            put(name, !had, "");
+        else if (value != old)
+            put(name, false, value);
     }
-    if (!changed) printf("Postfix does not name keyseal-milter: nothing to change\n");
+    for (const std::string name :
+         {"milter_default_action", "disable_mime_output_conversion", CLEANUP_MARK}) {
+        auto it = record.find(name);
+        std::string now = settings.value(name);
+        if (it == record.end()) {
+            /* the local mark is keyseal's whoever wrote it */
+            if (name == CLEANUP_MARK && now == MILTER_LOCAL_MARK) put(name, true, "");
+        } else if (now != it->second.wrote) {
+            lines.push_back("kept: " + name + " = " + now +
+                            " (changed since keyseal-admin postfix setup)");
+        } else {
+            put(name, it->second.absent, it->second.before);
+        }
+    }
+    settings.write();
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)
+        throw Problem("cannot remove " + errno_text(path));
+    for (const auto &line : lines)
+        printf("%s\n", line.c_str());
+    if (lines.empty())
+        printf("Postfix has no setting of keyseal-admin postfix setup: nothing to change\n");
     reload_if_running();
     return EXIT_OK;
 }
@@ -257,23 +639,7 @@ int cmd_postfix_check()
             report.error(std::string(name) + " lacks " + sock.postfix + ": " + what +
                          " goes out unsigned; run keyseal-admin postfix setup");
     }
-    if (!sock.path.empty()) {
-        if (access(sock.path.c_str(), F_OK) != 0) {
-            report.error("no socket " + errno_text(sock.path) +
-                         ": start keyseal-milter (systemctl start keyseal-milter)");
-        } else {
-            Access postfix(get("mail_owner"));
-            int err = postfix.errors({{sock.path, Access::CONNECT}})[0];
-            if (err == 0)
-                report.ok("user " + postfix.user + " can connect to " + sock.path);
-            else
-                report.error("user " + postfix.user + " cannot connect to " + sock.path + ": " +
-                             strerror(err) + "; the socket's directory must be setgid group " +
-                             postfix.group + " (install -d -o " + MILTER_USER + " -g " +
-                             postfix.group + " -m 2750 " +
-                             sock.path.substr(0, sock.path.rfind('/')) + ")");
-        }
-    }
+    check_socket(c, sock, report);
     std::string action = get("milter_default_action");
     if (action == "accept")
         report.ok("milter_default_action = accept: while keyseal-milter is down, mail goes out "
@@ -317,6 +683,8 @@ int cmd_postfix_check()
         report.error("cleanup does not mark local submissions: mail sent with sendmail is not "
                      "signed; run keyseal-admin postfix setup");
 
+    check_sender_login(report);
+
     if (getpwnam(MILTER_USER) == nullptr) {
         report.error(std::string("no user ") + MILTER_USER + ": install the keyseal package");
         return report.exit_status();
@@ -325,6 +693,12 @@ int cmd_postfix_check()
     for (const auto &[domain, selector] : all_keys())
         keyseal.check_key(key_path(domain, selector), report);
     keyseal.check_files(report);
+    /* the first week's trip-up: programs on this server sending through SMTP without AUTH */
+    if (long n = loopback_unsigned({MAILLOG_DEFAULT}); n > 0)
+        report.warning(std::to_string(n) + " messages from SMTP clients at loopback addresses " +
+                       "(programs on this server) went out unsigned (" MAILLOG_DEFAULT
+                       "); to have them signed, " +
+                       LOOPBACK_HINT);
     return report.exit_status();
 }
 

@@ -1,12 +1,14 @@
 #include "admin/report.h"
 
 #include "admin/admin.h"
+#include "admin/maillog.h"
 #include "dkim/dk_key.h"
 #include "dkim/dk_engine.h"
 #include "dkim/dk_policy.h"
 #include "dkim/dk_sign.h"
 #include "mailhandler/mail_me.h"
 #include "mailhandler/mh_handler.h"
+#include "milter/milter_log.h"
 
 #include <algorithm>
 #include <clocale>
@@ -15,8 +17,8 @@
 #include <cstring>
 #include <functional>
 #include <langinfo.h>
+#include <unistd.h>
 #include <vector>
-#include <zlib.h>
 
 namespace keyseal_admin
 {
@@ -30,6 +32,31 @@ enum {
     TOP_CLIENTS = 10,
     BAR_WIDTH = 40,
 };
+
+/* The handler's decisions, by its log line; the signing rules by the name report gives them */
+const struct Decision {
+    Kind kind;
+    const char *log, *rule; /* rule: null for the decision not to sign */
+} DECISIONS[] = {
+    {Kind::Sendmail, DK_LOG_SENDMAIL, "sendmail"},
+    {Kind::Authorized, DK_LOG_AUTHORIZED, "authorized"},
+    {Kind::Whitelisted, DK_LOG_WHITELISTED, "whitelisted"},
+    {Kind::NotSigning, DK_LOG_NOT_SIGNING, nullptr},
+};
+
+const Decision *decision_of(Kind kind)
+{
+    for (const auto &d : DECISIONS)
+        if (d.kind == kind) return &d;
+    return nullptr;
+}
+
+/* no_key_reason - the handler's missing-key line without its path: one reason for all keys */
+std::string no_key_reason()
+{
+    std::string_view line = DK_LOG_NO_KEY;
+    return std::string(line.substr(0, line.find(" from %s")));
+}
 
 /* fits - text is fmt with its one %s filled in; the filling goes to value */
 bool fits(std::string_view fmt, std::string_view text, std::string &value)
@@ -46,21 +73,6 @@ bool fits(std::string_view fmt, std::string_view text, std::string &value)
 bool starts(std::string_view text, std::string_view prefix)
 {
     return text.substr(0, prefix.size()) == prefix;
-}
-
-/* rank - which line of a failed run names its reason best: lower wins */
-int rank(Kind k)
-{
-    switch (k) {
-    case Kind::NoKey:
-    case Kind::Error:
-    case Kind::Usage:
-        return 0;
-    case Kind::Summary:
-        return 1;
-    default:
-        return 2;
-    }
 }
 
 /* generic - a spool file's random name would make every failure a reason of its own */
@@ -82,79 +94,32 @@ std::string stamp(time_t t, const char *fmt)
     return buf;
 }
 
-const char *const MONTHS[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-/* rfc3339 - "2026-11-22T03:45:01.123456+01:00" (or +0100, or Z); the length read, or 0 */
-size_t rfc3339(std::string_view s, time_t &when)
-{
-    struct tm tm {
-    };
-    int n = 0;
-    std::string head(s.substr(0, 19));
-    if (sscanf(head.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-               &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &n) != 6 ||
-        n != 19)
-        return 0;
-    size_t i = 19;
-    if (i < s.size() && s[i] == '.')
-        while (++i < s.size() && isdigit((unsigned char)s[i])) {
-        }
-    long offset = 0;
-    if (i < s.size() && s[i] == 'Z') {
-        i++;
-    } else if (i + 5 <= s.size() && (s[i] == '+' || s[i] == '-')) {
-        int h = 0, m = 0;
-        std::string z(s.substr(i + 1, 5));
-        if (sscanf(z.c_str(), "%2d:%2d", &h, &m) != 2 && sscanf(z.c_str(), "%2d%2d", &h, &m) != 2)
-            return 0;
-        offset = (s[i] == '-' ? -1 : 1) * (h * 3600L + m * 60L);
-        i += z.size() > 2 && z[2] == ':' ? 6 : 5;
-    } else {
-        return 0;
-    }
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    when = timegm(&tm) - offset;
-    return i;
-}
-
-/* traditional - "Nov 22 03:45:01", local time of the year that puts it not in the future */
-size_t traditional(std::string_view s, time_t now, time_t &when)
-{
-    if (s.size() < 15) return 0;
-    struct tm tm {
-    };
-    localtime_r(&now, &tm);
-    int year = tm.tm_year;
-    tm = {};
-    tm.tm_mon = -1;
-    for (int m = 0; m < 12; m++)
-        if (s.substr(0, 3) == MONTHS[m]) tm.tm_mon = m;
-    std::string rest(s.substr(3, 12));
-    if (tm.tm_mon < 0 || sscanf(rest.c_str(), " %2d %2d:%2d:%2d", &tm.tm_mday, &tm.tm_hour,
-                                &tm.tm_min, &tm.tm_sec) != 4)
-        return 0;
-    tm.tm_year = year;
-    tm.tm_isdst = -1;
-    when = mktime(&tm);
-    if (when > now + 86400) { /* December's lines read in January */
-        tm.tm_year--;
-        tm.tm_isdst = -1;
-        when = mktime(&tm);
-    }
-    return 15;
-}
-
 } // namespace
+
+int failure_rank(Kind k)
+{
+    switch (k) {
+    case Kind::NoKey:
+    case Kind::Error:
+    case Kind::Usage:
+        return 0;
+    case Kind::Summary:
+        return 1;
+    default:
+        return 2;
+    }
+}
+
+bool is_decision(Kind kind)
+{
+    return decision_of(kind) != nullptr;
+}
 
 Classified classify(std::string_view text)
 {
     std::string v;
-    if (fits(DK_LOG_SENDMAIL, text, v)) return {Kind::Sendmail, v};
-    if (fits(DK_LOG_AUTHORIZED, text, v)) return {Kind::Authorized, v};
-    if (fits(DK_LOG_WHITELISTED, text, v)) return {Kind::Whitelisted, v};
-    if (fits(DK_LOG_NOT_SIGNING, text, v)) return {Kind::NotSigning, v};
+    for (const auto &d : DECISIONS)
+        if (fits(d.log, text, v)) return {d.kind, v};
     if (fits(DK_LOG_NO_KEY, text, v)) return {Kind::NoKey, v};
     if (text == DK_LOG_KEY_TOO_BIG || fits(DK_LOG_DKIM_ERROR, text, v))
         return {Kind::Error, std::string(text)};
@@ -168,40 +133,61 @@ Classified classify(std::string_view text)
 
 Parsed parse_line(std::string_view line, time_t now, Line &out)
 {
-    static const std::string_view TAG = " keyseal[";
-    size_t tag = line.find(TAG);
-    if (tag == std::string_view::npos) return Parsed::NotOurs;
-    size_t used = !line.empty() && isdigit((unsigned char)line[0])
-                      ? rfc3339(line, out.when)
-                      : traditional(line, now, out.when);
-    /* the tag must be the one after the stamp and the host name */
-    if (used == 0 || used >= line.size() || line[used] != ' ') return Parsed::Malformed;
-    size_t host_end = line.find(' ', used + 1);
-    if (host_end != tag)
-        return host_end == std::string_view::npos ? Parsed::Malformed : Parsed::NotOurs;
-    size_t pid_start = tag + TAG.size(), close = line.find("]: ", pid_start);
-    if (close == std::string_view::npos || close == pid_start) return Parsed::Malformed;
-    pid_t pid = 0;
-    for (size_t i = pid_start; i < close; i++) {
-        if (!isdigit((unsigned char)line[i])) return Parsed::Malformed;
-        pid = pid * 10 + (line[i] - '0');
-    }
-    out.pid = pid;
-    std::string_view msg = line.substr(close + 3);
-    while (!msg.empty() && (msg.back() == '\n' || msg.back() == '\r'))
-        msg.remove_suffix(1);
-    /* every handler line carries its run's trace id first */
-    size_t colon = msg.find(": ");
-    out.trace = colon == std::string_view::npos ? "" : std::string(msg.substr(0, colon));
-    out.text =
-        colon == std::string_view::npos ? std::string(msg) : std::string(msg.substr(colon + 2));
+    static const std::string_view HANDLER = " " REPORT_HANDLER_IDENT "[",
+                                  MILTER = " " MILTER_IDENT "[";
+    /* most lines of a mail log are other programs': the cheap test first */
+    if (line.find(HANDLER) == std::string_view::npos && line.find(MILTER) == std::string_view::npos)
+        return Parsed::NotOurs;
+    SyslogLine s;
+    if (!parse_syslog(line, now, s)) return Parsed::Malformed;
+    if (s.ident != REPORT_HANDLER_IDENT && s.ident != MILTER_IDENT) return Parsed::NotOurs;
+    if (s.pid == 0) return Parsed::Malformed;
+    out.when = s.when;
+    out.pid = s.pid;
+    out.milter = s.ident == MILTER_IDENT;
+    /* every handler line carries its run's trace id first, every per-message line of
+     * keyseal-milter its queue id */
+    size_t colon = s.message.find(": ");
+    out.trace = colon == std::string::npos ? "" : s.message.substr(0, colon);
+    out.text = colon == std::string::npos ? s.message : s.message.substr(colon + 2);
     return Parsed::Ours;
+}
+
+bool milter_line(const char *fmt, std::string_view text, std::vector<std::string> &values)
+{
+    std::string_view f = fmt;
+    return f.substr(0, 4) == "%s: " && match(f.substr(4), text, values);
+}
+
+const char *const LOOPBACK_HINT =
+    "have each application log in with SMTP AUTH (each proves who it is, and its mail is signed "
+    "as that user's), or run keyseal-admin whitelist add 127.0.0.1/32 (then every local user "
+    "and process that can connect to port 25 gets its mail signed)";
+
+void Tally::add_milter(const Line &line)
+{
+    std::vector<std::string> v;
+    if (milter_line(MILTER_LOG_NULL_SENDER, line.text, v)) {
+        sum_.null_senders++;
+    } else if (milter_line(MILTER_LOG_MISALIGNED, line.text, v) && v.size() == 2) {
+        misaligned_[{v[0], v[1]}]++;
+    } else if (milter_line(MILTER_LOG_NOT_SIGNED, line.text, v) ||
+               milter_line(MILTER_LOG_TEMPFAIL, line.text, v) ||
+               milter_line(MILTER_LOG_PERMANENT, line.text, v)) {
+        /* a handler killed at the time limit logged its decision and nothing more: the
+         * milter's line is what says the run failed (the handler's own reason, when it gave
+         * one, names it better) */
+        for (auto &[pid, run] : open_)
+            if (run.trace == line.trace && run.reason_rank > 1)
+                run.reason = v[0], run.reason_rank = 1;
+    }
 }
 
 void Tally::add(const Line &line)
 {
+    if (line.milter) return add_milter(line);
     Classified c = classify(line.text);
-    bool decision = c.kind <= Kind::NotSigning;
+    bool decision = is_decision(c.kind);
     auto it = open_.find(line.pid);
     /* a usage error, a second decision, another trace id or a pause means the pid belongs to
      * a new run: keyseal-milter's workers log one message after another under one pid */
@@ -223,14 +209,15 @@ void Tally::add(const Line &line)
     if (decision) {
         run.decision = (int)c.kind;
         if (c.kind == Kind::NotSigning) run.client = c.value;
-    } else if (rank(c.kind) < run.reason_rank) {
-        run.reason_rank = rank(c.kind);
-        run.reason = c.kind == Kind::NoKey ? "cannot get sender domain key" : c.value;
+    } else if (failure_rank(c.kind) < run.reason_rank) {
+        run.reason_rank = failure_rank(c.kind);
+        run.reason = c.kind == Kind::NoKey ? no_key_reason() : c.value;
+        std::vector<std::string> key; /* the domain and the selector */
         if (c.kind == Kind::NoKey) {
-            const std::string dir = std::string(DK_KEYS_DIR) + "/";
-            run.no_key = starts(c.value, dir) ? c.value.substr(dir.size()) : c.value;
+            bool path = match(DK_KEY_PATH_FORMAT, c.value, key) && key.size() == 2;
+            run.no_key = path ? key[0] + "/" + key[1] : c.value;
             /* an empty domain: the sender had none, as a bounce's null sender */
-            run.bounce = starts(run.no_key, "/");
+            run.bounce = path && key[0].empty();
             if (run.bounce) run.reason = "sender without a domain (a bounce): nothing to sign with";
         }
     }
@@ -257,17 +244,17 @@ void Tally::close(const Run &run)
     hour.hour = run.first - run.first % 3600;
     if (run.decision == (int)Kind::NotSigning && run.reason.empty()) {
         sum_.skipped++, hour.skipped++;
-        if (run.client != "NULL") /* the handler's word for an unset TCPREMOTEIP */
+        if (run.client != DK_LOG_NO_CLIENT)
             clients_[run.client]++;
         else
             sum_.without_address++;
+        if (loopback(run.client)) sum_.loopback++;
         return;
     }
     if (run.decision >= 0 && run.reason.empty()) {
         /* the handler says nothing more when it signs */
-        static const char *const RULES[] = {"sendmail", "authorized", "whitelisted"};
         sum_.signed_++, hour.signed_++;
-        sum_.by_rule[RULES[run.decision]]++;
+        sum_.by_rule[decision_of((Kind)run.decision)->rule]++;
         return;
     }
     sum_.failed++, hour.failed++;
@@ -296,8 +283,8 @@ Summary Tally::finish(long malformed)
         close(run);
     open_.clear();
     sum_.malformed = malformed;
-    for (const char *rule : {"sendmail", "authorized", "whitelisted"})
-        sum_.by_rule[rule] += 0;
+    for (const auto &d : DECISIONS)
+        if (d.rule != nullptr) sum_.by_rule[d.rule] += 0;
     for (const auto &[reason, f] : failures_)
         sum_.failures.push_back(f);
     std::stable_sort(sum_.failures.begin(), sum_.failures.end(),
@@ -307,6 +294,10 @@ Summary Tally::finish(long malformed)
     sum_.clients.resize(std::min<size_t>(sum_.clients.size(), TOP_CLIENTS));
     for (auto &[t, h] : hours_)
         sum_.hours.push_back(h);
+    for (const auto &[pair, n] : misaligned_)
+        sum_.misaligned.push_back({pair.first, pair.second, n});
+    std::stable_sort(sum_.misaligned.begin(), sum_.misaligned.end(),
+                     [](auto &a, auto &b) { return a.count > b.count; });
     return sum_;
 }
 
@@ -319,8 +310,8 @@ nlohmann::ordered_json render_json(const Summary &s)
     j["failed"] = s.failed;
     j["malformed_lines"] = s.malformed;
     j["signed_by_rule"] = nlohmann::ordered_json::object();
-    for (const char *rule : {"sendmail", "authorized", "whitelisted"})
-        j["signed_by_rule"][rule] = s.by_rule.at(rule);
+    for (const auto &d : DECISIONS)
+        if (d.rule != nullptr) j["signed_by_rule"][d.rule] = s.by_rule.at(d.rule);
     j["failures"] = nlohmann::ordered_json::array();
     for (const auto &f : s.failures)
         j["failures"].push_back({{"reason", f.reason},
@@ -335,6 +326,11 @@ nlohmann::ordered_json render_json(const Summary &s)
     for (const auto &[ip, n] : s.clients)
         j["skipped_clients"][ip] = n;
     j["skipped_without_address"] = s.without_address;
+    j["skipped_loopback"] = s.loopback;
+    j["null_senders"] = s.null_senders;
+    j["misaligned"] = nlohmann::ordered_json::array();
+    for (const auto &m : s.misaligned)
+        j["misaligned"].push_back({{"d", m.d}, {"from", m.from}, {"count", m.count}});
     j["hours"] = nlohmann::ordered_json::array();
     for (const auto &h : s.hours)
         j["hours"].push_back({{"hour", stamp(h.hour, "%Y-%m-%dT%H:00%z")},
@@ -359,9 +355,12 @@ std::string render_text(const Summary &s, bool utf8)
     snprintf(buf, sizeof(buf), "runs %ld   signed %ld   skipped %ld   failed %ld", s.runs,
              s.signed_, s.skipped, s.failed);
     line(buf);
-    snprintf(buf, sizeof(buf), "signed by rule: sendmail %ld, authorized %ld, whitelisted %ld",
-             s.by_rule.at("sendmail"), s.by_rule.at("authorized"), s.by_rule.at("whitelisted"));
-    line(buf);
+    std::string rules;
+    for (const auto &d : DECISIONS)
+        if (d.rule != nullptr)
+            rules += (rules.empty() ? "" : ", ") + std::string(d.rule) + " " +
+                     std::to_string(s.by_rule.at(d.rule));
+    line("signed by rule: " + rules);
     if (s.malformed > 0)
         line("malformed keyseal lines (not counted): " + std::to_string(s.malformed));
     line("");
@@ -382,6 +381,21 @@ std::string render_text(const Summary &s, bool utf8)
         clients.emplace_back("(no client address: not local, not authenticated)",
                              s.without_address);
     counts(clients, "      none");
+    if (s.loopback > 0)
+        line("  " + std::to_string(s.loopback) +
+             " from SMTP clients at loopback addresses (programs on this server); to have "
+             "them signed, " +
+             LOOPBACK_HINT);
+    if (s.null_senders > 0)
+        line("bounces (null sender), passed unsigned by keyseal-milter: " +
+             std::to_string(s.null_senders));
+    line("");
+    line("signed, but DMARC will not align (d= / From: domain):");
+    for (const auto &m : s.misaligned) {
+        snprintf(buf, sizeof(buf), "%7ld  %s / %s", m.count, m.d.c_str(), m.from.c_str());
+        line(buf);
+    }
+    if (s.misaligned.empty()) line("      none");
     line("");
     const char *marks[3] = {utf8 ? "\u2588" : "#", utf8 ? "\u2592" : "+", utf8 ? "\u2591" : "!"};
     line(std::string("runs per hour (") + marks[0] + " signed  " + marks[1] + " skipped  " +
@@ -422,70 +436,18 @@ static time_t since_time(const std::string &text, time_t now)
     return mktime(&tm);
 }
 
-/* read_log - feed every line of a mail log file (plain or .gz); "" or why it stopped */
-static std::string read_log(const std::string &file,
-                            const std::function<void(std::string_view)> &feed)
-{
-    gzFile in = gzopen(file.c_str(), "rb"); /* a plain file reads through unchanged */
-    if (in == nullptr) return strerror(errno != 0 ? errno : ENOMEM);
-    gzbuffer(in, 1 << 20);
-    std::vector<char> buf(1 << 16);
-    std::string line;
-    while (gzgets(in, buf.data(), (int)buf.size()) != nullptr) {
-        size_t n = strlen(buf.data());
-        bool whole = n > 0 && buf[n - 1] == '\n';
-        if (line.empty() && whole) {
-            feed(std::string_view(buf.data(), n));
-            continue;
-        }
-        line.append(buf.data(), n);
-        if (whole) feed(line), line.clear();
-    }
-    if (!line.empty()) feed(line);
-    int err = Z_OK;
-    std::string why = gzerror(in, &err);
-    if (err == Z_ERRNO) why = strerror(errno);
-    gzclose(in);
-    return err != Z_OK && err != Z_BUF_ERROR ? why : "";
-}
-
 int cmd_report(const std::string &since, bool json, const std::vector<std::string> &files)
 {
     time_t now = time(nullptr), from = since_time(since, now);
     Tally tally;
-    long malformed = 0, lines = 0;
+    long malformed = 0;
     auto feed = [&](std::string_view text) {
         Line l;
         Parsed p = parse_line(text, now, l);
-        lines++;
         if (p == Parsed::Malformed) malformed++;
         if (p == Parsed::Ours && l.when >= from) tally.add(l);
     };
-    size_t unread = 0;
-    for (const auto &file : files) {
-        /* rotated lists often hold a file that is gone or unreadable: say so, read the rest */
-        std::string why = read_log(file, feed);
-        if (why.empty()) continue;
-        unread++;
-        fprintf(stderr,
-                "keyseal-admin report: warning: cannot read %s: %s; the report leaves it out\n",
-                file.c_str(), why.c_str());
-    }
-    if (!files.empty() && unread == files.size())
-        throw Problem("none of the files could be read: name readable mail log files");
-    if (files.empty()) {
-        /* the journal, in the same stamp form as a mail log */
-        FILE *j = popen("journalctl -t keyseal -o short-iso --no-pager -q 2>/dev/null", "r");
-        if (j == nullptr) throw Problem("cannot run journalctl: name the mail log files instead");
-        char *l = nullptr;
-        size_t room = 0;
-        while (getline(&l, &room, j) >= 0)
-            feed(l);
-        free(l);
-        if (pclose(j) != 0 && lines == 0)
-            throw Problem("no journal to read (journalctl failed): name the mail log files "
-                          "instead, e.g. keyseal-admin report /var/log/mail.log*");
-    }
+    read_mail_log("report", files, {"-t", REPORT_HANDLER_IDENT, "-t", MILTER_IDENT}, feed);
     Summary summary = tally.finish(malformed);
     if (json) {
         printf("%s\n", render_json(summary).dump(2).c_str());
@@ -495,6 +457,21 @@ int cmd_report(const std::string &since, bool json, const std::vector<std::strin
     bool utf8 = strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
     fputs(render_text(summary, utf8).c_str(), stdout);
     return EXIT_OK;
+}
+
+long loopback_unsigned(const std::vector<std::string> &files)
+{
+    std::vector<std::string> readable;
+    for (const auto &f : files)
+        if (access(f.c_str(), R_OK) == 0) readable.push_back(f);
+    if (readable.empty()) return -1;
+    time_t now = time(nullptr);
+    Tally tally;
+    read_mail_log("report", readable, {}, [&](std::string_view text) {
+        Line l;
+        if (parse_line(text, now, l) == Parsed::Ours) tally.add(l);
+    });
+    return tally.finish(0).loopback;
 }
 
 } // namespace keyseal_admin

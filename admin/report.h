@@ -1,13 +1,13 @@
 /*
- * report - what the handler did, read back from its syslog lines.
+ * report - what the handler and keyseal-milter did, read back from their syslog lines.
  *
- * parse_line() takes one line of a mail log (traditional "Mmm dd hh:mm:ss host" or
- * RFC 3339 stamps) and keeps only keyseal's; classify() names what a handler line says,
- * matching the handler's own log formats.  Tally groups lines into runs by pid (a run
- * begins with its decision line; the same pid later, or after a pause, is a new run) and
- * counts their outcomes into one Summary, which render_json() and render_text() show.  It
- * keeps only runs that may still get lines, so a log of any size is read in constant
- * memory.  Nothing here ends the process or throws on bad input.
+ * parse_line() takes one line of a mail log (see maillog.h) and keeps only keyseal's and
+ * keyseal-milter's; classify() names what a handler line says, matching the handler's own
+ * log formats.  Tally groups handler lines into runs by pid (a run begins with its decision
+ * line; the same pid later, or after a pause, is a new run), counts their outcomes and
+ * keyseal-milter's per-message lines into one Summary, which render_json() and
+ * render_text() show.  It keeps only runs that may still get lines, so a log of any size is
+ * read in constant memory.  Nothing here ends the process or throws on bad input.
  */
 #ifndef KEYSEAL_ADMIN_REPORT_H
 #define KEYSEAL_ADMIN_REPORT_H
@@ -24,6 +24,9 @@
 
 namespace keyseal_admin
 {
+
+/* the handler logs under its program's name */
+#define REPORT_HANDLER_IDENT "keyseal"
 
 enum class Kind {
     Sendmail, /* decisions to sign, by rule */
@@ -42,15 +45,26 @@ struct Classified {
     std::string value;
 };
 Classified classify(std::string_view text);
+/* is_decision - whether a line of this kind is the handler's decision (to sign or not) */
+bool is_decision(Kind kind);
+/* failure_rank - which line of a failed run names its reason best: lower wins */
+int failure_rank(Kind kind);
 
 struct Line {
     time_t when = 0;
     pid_t pid = 0;
-    std::string trace, text;
+    bool milter = false;     /* keyseal-milter's line, not the handler's */
+    std::string trace, text; /* the trace id (keyseal-milter's: the queue id), the rest */
 };
 enum class Parsed { NotOurs, Ours, Malformed };
 /* parse_line - now gives the year of traditional stamps, which carry none */
 Parsed parse_line(std::string_view line, time_t now, Line &out);
+/* milter_line - text (a keyseal-milter line after its queue id) is the line fmt ("%s: ...")
+ * writes; the values after the queue id go to values */
+bool milter_line(const char *fmt, std::string_view text, std::vector<std::string> &values);
+
+/* The ways to have a loopback SMTP client's mail signed, and what each means for trust */
+extern const char *const LOOPBACK_HINT;
 
 /* Summary - what a log says the handler did: the one result both renderings show */
 struct Summary {
@@ -67,6 +81,13 @@ struct Summary {
     long runs = 0, signed_ = 0, skipped = 0, failed = 0, malformed = 0;
     long bounces = 0;         /* failed runs whose sender had no domain */
     long without_address = 0; /* skipped runs without a client address (TCPREMOTEIP unset) */
+    long loopback = 0;        /* skipped runs of SMTP clients at loopback addresses */
+    long null_senders = 0;    /* bounces keyseal-milter did not give the handler */
+    struct Misaligned {
+        std::string d, from; /* the signing domain, the From: header's domain */
+        long count = 0;
+    };
+    std::vector<Misaligned> misaligned; /* most first */
     std::map<std::string, long> by_rule;
     std::vector<Failure> failures;                     /* most frequent first */
     std::vector<std::pair<std::string, long>> no_key;  /* DOMAIN/SELECTOR, most first */
@@ -91,12 +112,14 @@ class Tally
         int reason_rank = 99;
     };
     void close(const Run &run);
+    void add_milter(const Line &line);
     void sweep(time_t now);
 
     std::unordered_map<pid_t, Run> open_;
     Summary sum_;
     std::map<std::string, Summary::Failure> failures_;
     std::map<std::string, long> no_key_, clients_;
+    std::map<std::pair<std::string, std::string>, long> misaligned_;
     std::map<time_t, Summary::Hour> hours_;
     long lines_ = 0;
     time_t latest_ = 0;
@@ -104,6 +127,10 @@ class Tally
 
 nlohmann::ordered_json render_json(const Summary &s);
 std::string render_text(const Summary &s, bool utf8);
+
+/* loopback_unsigned - the messages of SMTP clients at loopback addresses that the mail log
+ * files say were not signed; -1 when none could be read */
+long loopback_unsigned(const std::vector<std::string> &files);
 
 } // namespace keyseal_admin
 

@@ -28,9 +28,8 @@ int cmd_spool(bool clean, long older_than)
 {
     DIR *d = opendir(MAIL_SPOOL_DIR);
     if (d == nullptr)
-        throw Problem(
-            "cannot list the spool directory " + errno_text(MAIL_SPOOL_DIR) +
-            ": the handler needs it (mode 1733); install the package or run make install");
+        throw Problem("cannot list the spool directory " + errno_text(MAIL_SPOOL_DIR) +
+                      ": the handler needs it; install the package or run make install");
     time_t now = time(nullptr);
     int files = 0;
     for (dirent *e; (e = readdir(d)) != nullptr;) {

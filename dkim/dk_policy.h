@@ -15,19 +15,19 @@
 extern "C" {
 #endif
 
-/* The policy's environment: the chain sets these, keyseal-milter and keyseal-admin too */
+/* The policy variables: the chain (and keyseal-milter) set them, the rules read them */
 #define DK_ENV_SENDMAIL "PPP_INSIDE_SENDMAIL"
-#define DK_ENV_SENDMAIL_YES "1" /* the one value that counts */
+#define DK_ENV_SENDMAIL_VALUE "1" /* the one value that counts */
 #define DK_ENV_AUTHORIZED "SMTP_AUTHORIZED"
-#define DK_ENV_REMOTE_IP "TCPREMOTEIP"
-#define DK_LOG_UNSET "NULL" /* an unset TCPREMOTEIP in the skip line */
+#define DK_ENV_CLIENT "TCPREMOTEIP"
 
 /* The decision's log lines; keyseal-admin report reads them back from the mail log */
-#define DK_LOG_SENDMAIL "Sendmail (PPP_INSIDE_SENDMAIL=%s) -> signing"
-#define DK_LOG_AUTHORIZED "Authorized user (SMTP_AUTHORIZED=%s) -> signing"
-#define DK_LOG_WHITELISTED "Whitelisted TCPREMOTEIP=%s -> signing"
+#define DK_LOG_SENDMAIL "Sendmail (" DK_ENV_SENDMAIL "=%s) -> signing"
+#define DK_LOG_AUTHORIZED "Authorized user (" DK_ENV_AUTHORIZED "=%s) -> signing"
+#define DK_LOG_WHITELISTED "Whitelisted " DK_ENV_CLIENT "=%s -> signing"
 #define DK_LOG_NOT_SIGNING                                                                         \
-    "Not sendmail, not authorized, TCPREMOTEIP=%s not whitelisted - not signing"
+    "Not sendmail, not authorized, " DK_ENV_CLIENT "=%s not whitelisted - not signing"
+#define DK_LOG_NO_CLIENT "NULL" /* DK_LOG_NOT_SIGNING's client when DK_ENV_CLIENT is unset */
 
 enum dk_policy_rule {
     DK_POLICY_SKIP = 0,

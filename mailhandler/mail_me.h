@@ -30,6 +30,10 @@ extern "C" {
 #define MAIL_SPOOL_STEM "message" /* spool file names: the stem and 6 characters of mkstemp */
 #define MAIL_SPOOL_TEMPLATE "%s/" MAIL_SPOOL_STEM "XXXXXX"
 #define MAIL_SPOOL_RANDOM 6
+/* The spool directory's modes, sticky so that nobody removes another's file: a source
+ * install lets every user create files; the package lets only its group's members */
+#define MAIL_SPOOL_MODE 01733
+#define MAIL_SPOOL_GROUP_MODE 01730
 
 typedef struct mail_me {
     const char *line_end;    /* "\r\n" or "\n": the separator after the header block */

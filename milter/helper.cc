@@ -30,15 +30,6 @@ int memory_file(const char *name, const std::string &data)
     return fd;
 }
 
-Result failed(const std::string &why)
-{
-    Result r;
-    r.verdict = Verdict::FAILED;
-    r.retry = true;
-    r.reason = why;
-    return r;
-}
-
 } // namespace
 
 struct Helper::Channel {
@@ -83,7 +74,7 @@ pid_t Helper::start(int &pidfd)
 Result Helper::run(const Job &job, int message_fd, const Limits &limits)
 {
     std::shared_ptr<Channel> ch = channel();
-    if (!ch) return failed("the signing helper is not running");
+    if (!ch) return retryable("the signing helper is not running");
     int job_fd = memory_file("keyseal-milter job", encode(job));
     int result_fd = memfd_create("keyseal-milter result", MFD_CLOEXEC);
     int done[2] = {-1, -1};
@@ -91,7 +82,7 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
         std::string why = std::string("cannot hand the message over: ") + strerror(errno);
         for (int fd : {job_fd, result_fd, done[0], done[1]})
             if (fd >= 0) close(fd);
-        return failed(why);
+        return retryable(why);
     }
     std::string request = encode(limits);
     int fds[4] = {job_fd, message_fd, result_fd, done[1]};
@@ -102,8 +93,8 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     ch.reset();
     if (sent != 0) {
         close(done[0]), close(result_fd);
-        return failed(std::string("the signing helper does not take work: ") +
-                      strerror(send_errno));
+        return retryable(std::string("the signing helper does not take work: ") +
+                         strerror(send_errno));
     }
 
     /* the helper answers within the time limit and the kill grace; past that, and a
@@ -128,12 +119,12 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     Result r;
     std::string written;
     if (!ended)
-        r = failed("no answer from the signing helper within " + std::to_string(wait_ms / 1000) +
-                   " s");
+        r = retryable("no answer from the signing helper within " + std::to_string(wait_ms / 1000) +
+                      " s");
     else if (!said.empty() && decode(said, r))
         ; /* the helper's own word: the worker died, ran out of time, or none was free */
     else if (read_file(result_fd, written) != 0 || !decode(written, r))
-        r = failed("the signing helper ended before the handler's result came back");
+        r = retryable("the signing helper ended before the handler's result came back");
     close(result_fd);
     return r;
 }

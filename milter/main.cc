@@ -413,9 +413,9 @@ Job job_for(const Session &s, const std::string &id)
     job.domain = signing_domain(s);
     job.context = c.context(job.domain);
     job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
-    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_YES);
+    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE);
     if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
-    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_REMOTE_IP "=" + s.client);
+    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_CLIENT "=" + s.client);
     job.selectors = c.selectors_for(job.domain);
     job.headers = c.headers;
     job.oversign = c.oversign;
@@ -638,6 +638,9 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
 int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) pool_main(POOL_REQUESTS_FD);
+    /* a closed standard descriptor must not become the listening socket's number, which a
+     * child would then keep */
+    if (mh_std_fds_open() != 0) return 1;
     static const option options[] = {
         {"foreground", no_argument, nullptr, 'f'},   {"config", required_argument, nullptr, 'c'},
         {"check-config", no_argument, nullptr, 'k'}, {"help", no_argument, nullptr, 'h'},

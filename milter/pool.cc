@@ -67,15 +67,6 @@ struct Task {
     }
 };
 
-Result failure(const std::string &why)
-{
-    Result r;
-    r.verdict = Verdict::FAILED;
-    r.retry = true;
-    r.reason = why;
-    return r;
-}
-
 struct Process {
     pid_t pid;
     int sock; /* the helper's end of the worker's socket */
@@ -251,7 +242,7 @@ struct Pool {
                     : WIFSIGNALED(status)
                         ? std::string("the handler was killed by ") + strsignal(WTERMSIG(status))
                         : "the handler ended with status " + std::to_string(WEXITSTATUS(status));
-                Result r = failure(why);
+                Result r = retryable(why);
                 w->job.finish(&r);
             }
             retire((size_t)(w - workers.begin()));
@@ -271,7 +262,7 @@ struct Pool {
         job.done = fds[3];
         Limits limits;
         if (!decode(std::string_view(buf, (size_t)n), limits)) {
-            Result r = failure("the request could not be read");
+            Result r = retryable("the request could not be read");
             job.finish(&r);
             return;
         }
@@ -295,9 +286,9 @@ struct Pool {
             }
         }
         while (!waiting.empty() && now >= waiting.front().deadline) {
-            Result r = failure("no worker was free within the time limit of " +
-                               std::to_string(waiting.front().timeout) + " s (workers " +
-                               std::to_string(cap) + ")");
+            Result r = retryable("no worker was free within the time limit of " +
+                                 std::to_string(waiting.front().timeout) + " s (workers " +
+                                 std::to_string(cap) + ")");
             waiting.front().finish(&r);
             waiting.pop_front();
         }
@@ -365,7 +356,7 @@ void pool_main(int requests)
         if (recv(requests, &peek, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
             /* the milter is gone: nobody reads what is still in hand */
             open = false;
-            Result r = failure("keyseal-milter stopped");
+            Result r = retryable("keyseal-milter stopped");
             for (Task &j : p.waiting)
                 j.finish(&r);
             p.waiting.clear();

@@ -73,6 +73,15 @@ struct Reader {
 
 } // namespace
 
+Result retryable(const std::string &why)
+{
+    Result r;
+    r.verdict = Verdict::FAILED;
+    r.retry = true;
+    r.reason = why;
+    return r;
+}
+
 std::string encode(const Job &job)
 {
     Writer w;

@@ -59,6 +59,9 @@ struct Limits {
     bool operator==(const Limits &) const = default;
 };
 
+/* retryable - a failed Result that a later try may cure, saying why */
+Result retryable(const std::string &why);
+
 std::string encode(const Job &job);
 std::string encode(const Result &result);
 bool decode(std::string_view in, Job &job);

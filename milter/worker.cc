@@ -57,7 +57,7 @@ Result serve(const Job &job, int message_fd)
     /* the handler's process as the chain would start it: its arguments, and an
      * environment of the policy variables and the trace id alone */
     std::vector<std::string> env = job.env;
-    env.push_back(std::string(HALYX_LOG_TRACE_ID_ENV "=") + job.queue_id);
+    env.push_back(std::string(HALYX_LOG_TRACE_ENV "=") + job.queue_id);
     clearenv();
     ERR_clear_error();
     for (std::string &e : env)

@@ -226,12 +226,14 @@ zone:
         self.dir, self.proc, self.address = str(directory), None, address
         os.makedirs(self.dir, exist_ok=True)
 
-    def serve(self, zone, records=""):
-        """(Re)start serving zone with the given zone-file lines."""
+    def serve(self, zone, records="", nameservers=(("ns", "127.0.0.1"),)):
+        """(Re)start serving zone with the given zone-file lines; nameservers are the zone's
+        NS hosts (names inside the zone) with their glue addresses."""
         self.stop()
+        ns = "".join(f"@ IN NS {name}\n{name} IN A {ip}\n" for name, ip in nameservers)
         with open(os.path.join(self.dir, zone + ".zone"), "w") as f:
-            f.write(f"$ORIGIN {zone}.\n$TTL 60\n@ IN SOA ns hostmaster 1 60 60 60 60\n"
-                    f"@ IN NS ns\nns IN A 127.0.0.1\n{records}\n")
+            f.write(f"$ORIGIN {zone}.\n$TTL 60\n@ IN SOA {nameservers[0][0]} hostmaster 1 60 60 60 60\n"
+                    f"{ns}{records}\n")
         with open(os.path.join(self.dir, "nsd.conf"), "w") as f:
             f.write(self.CONF.format(d=self.dir, zone=zone, address=self.address))
         self.proc = subprocess.Popen(["nsd", "-d", "-c", os.path.join(self.dir, "nsd.conf")],

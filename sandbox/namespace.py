@@ -3,8 +3,9 @@
               [--resolver IP] -- PROGRAM ARGS...
 
 Run inside `unshare --mount`: keyseal's fixed paths come from ROOT (/etc/domainkeys from
-ROOT/domainkeys, the spool directory from ROOT/spool, /dev/log -> ROOT/log.sock on a private
-/dev); /etc and /usr/local are overlays on a private tmpfs, so the host is never written.
+ROOT/domainkeys, the spool directory from ROOT/spool, /etc/keyseal and /run from ROOT/keyseal
+and ROOT/run where those exist, /dev/log -> ROOT/log.sock on a private /dev); /etc and
+/usr/local are overlays on a private tmpfs, so the host is never written.
 """
 import argparse
 import ctypes
@@ -76,6 +77,10 @@ def main():
         with open("/etc/resolv.conf", "w") as f:
             f.write(f"nameserver {a.resolver}\noptions timeout:1 attempts:1\n")
     bind_dir(os.path.join(root, "domainkeys"), "/etc/domainkeys")
+    # keyseal-milter's settings and a private /run, for tests that keep them between runs
+    for mine, target in (("keyseal", "/etc/keyseal"), ("run", "/run")):
+        if os.path.isdir(os.path.join(root, mine)):
+            bind_dir(os.path.join(root, mine), target)
 
     overlay("/usr/local", scratch, "usrlocal")
     spool = "/usr/local/hlx/handlers/spool"

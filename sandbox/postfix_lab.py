@@ -24,6 +24,7 @@ from sandbox import harness, namespace
 
 CLONE_NEWNS = 0x00020000
 QUEUE, CAPTURE_PORT = "/var/spool/postfix", 2525
+CONFIGURE_INSTANCE = "/usr/lib/postfix/configure-instance.sh"
 MAIN_CF = """# the test site's own settings; keyseal-admin postfix setup adds the milter's
 myhostname = mx.example.com
 mydomain = example.com
@@ -186,8 +187,10 @@ class Lab:
 
     def start_postfix(self):
         subprocess.run(["postfix", "set-permissions"], capture_output=True)
-        subprocess.run(["/usr/lib/postfix/configure-instance.sh", "-"], check=True,
-                       capture_output=True)
+        # Debian's chroot set-up (resolv.conf, libraries into the queue directory): an init
+        # script's job where Postfix's own start does not run it
+        if not postfix_prepares_chroot():
+            subprocess.run([CONFIGURE_INSTANCE, "-"], check=True, capture_output=True)
         subprocess.run(["postfix", "start"], check=True, capture_output=True)
         wait_for(lambda: connects(("127.0.0.1", 25)), "Postfix's smtpd")
 
@@ -288,6 +291,20 @@ def alive_pid(path):
         return True
     except (OSError, ValueError, IndexError):
         return False
+
+
+def postfix_prepares_chroot():
+    """Whether `postfix start` runs Debian's chroot set-up itself (its post-install script
+    calls it, and then refuses to be called with an instance argument)."""
+    daemon_dir = subprocess.run(["postconf", "-h", "daemon_directory"], capture_output=True,
+                                text=True).stdout.strip()
+    for script in ("post-install", "postfix-script"):
+        try:
+            if CONFIGURE_INSTANCE in open(os.path.join(daemon_dir, script), errors="replace").read():
+                return True
+        except OSError:
+            pass
+    return False
 
 
 def queue_ids(log, text):

@@ -43,14 +43,14 @@ void halyx_log_init(const char *location, int level, int facility, int options, 
     memcpy(LogIdent, buf, sizeof(LogIdent));
 
     if (LogOpts & HALYX_LOG_TRACE) {
-        const char *env = getenv(HALYX_LOG_TRACE_ID_ENV);
+        const char *env = getenv(HALYX_LOG_TRACE_ENV);
         if (env != nullptr && *env != '\0') {
             snprintf(LogTraceId, sizeof(LogTraceId), "%s", env);
         } else {
             snprintf(LogTraceId, sizeof(LogTraceId), "%c%ld",
                      toupper((unsigned char)program_invocation_short_name[0]), (long)getpid());
             /* children of this run log under the same id */
-            setenv(HALYX_LOG_TRACE_ID_ENV, LogTraceId, 1);
+            setenv(HALYX_LOG_TRACE_ENV, LogTraceId, 1);
         }
     }
 

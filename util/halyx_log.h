@@ -23,8 +23,8 @@
 extern "C" {
 #endif
 
-#define HALYX_LOG_TRACE 64    /* option bit: trace id in front of every syslog line */
-#define HALYX_LOG_TRACE_ID_ENV "HALYX_LOG_TRACE_ID" /* the trace id, read and set for children */
+#define HALYX_LOG_TRACE 64 /* option bit: trace id in front of every syslog line */
+#define HALYX_LOG_TRACE_ENV "HALYX_LOG_TRACE_ID" /* the run's trace id, passed to children */
 #define HALYX_LOG_MAY_RAISE 8 /* level-word bit: HALYX_LOG_LEVEL may raise the level */
 /* The mail handlers' level word (14): informational, and the environment may raise it */
 #define HALYX_LOG_HANDLER_LEVEL (HALYX_LOG_MAY_RAISE | LOG_INFO)

@@ -56,6 +56,7 @@ def main():
     sock = os.stat(root + "/var/spool/postfix/keyseal")
     keyseal_uid = int(chroot(root, "id", "-u", "keyseal").stdout)
     postfix_gid = int(chroot(root, "getent", "group", "postfix").stdout.split(b":")[2])
+    postfix_before = [chroot(root, "postconf", flag).stdout for flag in ("-n", "-P")]
     chroot(root, "keyseal-admin", "postfix", "setup")
     set_up = chroot(root, "postconf", "-h", "smtpd_milters").stdout.strip()
     chroot(root, "keyseal-admin", "keygen", "example.com")
@@ -65,18 +66,26 @@ def main():
                     "bob@example.net", stdin=MSG, check=False)
     verified = chroot(root, "python3", "-c", VERIFY, stdin=signed.stdout, check=False).returncode
     key_mode = os.stat(key).st_mode & 0o777
-    unit = os.path.exists(root + "/lib/systemd/system/keyseal-milter.service")
+    unit_path = root + "/lib/systemd/system/keyseal-milter.service"
+    unit = open(unit_path).read().splitlines() if os.path.exists(unit_path) else []
+    # the exposure score in tenths, as systemd-analyze's --threshold counts it
+    exposure = subprocess.run(["systemd-analyze", "security", "--offline=true", "--threshold=25",
+                               unit_path], capture_output=True).returncode
     chroot(root, "dpkg", "--purge", "keyseal")
-    after = chroot(root, "postconf", "-h", "smtpd_milters", "non_smtpd_milters").stdout.split()
+    postfix_after = [chroot(root, "postconf", flag).stdout for flag in ("-n", "-P")]
     steps = [("spool directory 1730", spool_mode == 0o1730),
              ("postinst leaves Postfix's main.cf alone", main_cf_untouched),
              ("keyseal-milter installed, default settings", b"socket unix:/var/spool/postfix/keyseal/milter.sock" in milter),
              ("milter.conf a conffile", b"/etc/keyseal/milter.conf" in conffiles),
-             ("systemd unit", unit),
+             ("systemd unit: restarts, reloads, stops gently, a pid directory",
+              {"Restart=on-failure", "ExecReload=/bin/kill -HUP $MAINPID", "KillMode=mixed",
+               "RuntimeDirectory=keyseal-milter"} <= set(unit)),
+             ("systemd unit: exposure 2.5 at most", unit and exposure == 0),
              ("socket directory keyseal:postfix 2750",
               (sock.st_uid, sock.st_gid, sock.st_mode & 0o7777) == (keyseal_uid, postfix_gid, 0o2750)),
              ("postfix setup names the milter", set_up == b"unix:/keyseal/milter.sock"),
-             ("purge takes it out of Postfix", after == []),
+             ("removal leaves main.cf and master.cf as setup found them",
+              postfix_after == postfix_before and not os.path.exists(root + "/etc/postfix/keyseal-setup")),
              ("key 0640, group keyseal", (key_mode, os.stat(key).st_gid) == (0o640, group)),
              ("installed handler signs", (signed.returncode, signed.stderr) == (0, b"PASS")),
              ("dkimpy verifies", verified == 0),

@@ -48,7 +48,8 @@ def deliver(lab, send, data, sender="ann@example.com", **kw):
     send(data, sender, **kw)
     got = lab.delivered(seen + 1)[seen]
     msgid = re.search(rb"Message-ID: <([^>]+)>", data).group(1).decode()
-    qid = re.findall(r"postfix/cleanup\[\d+\]: ([0-9A-F]+): message-id=<" + re.escape(msgid), lab.log())[-1]
+    cleanup = r"postfix/cleanup\[\d+\]: ([0-9A-F]+): message-id=<" + re.escape(msgid)
+    qid = re.findall(cleanup, lab.log(until=cleanup))[-1]  # rsyslogd writes behind Postfix
     return got, qid
 
 

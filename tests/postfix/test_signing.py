@@ -2,6 +2,7 @@
 with over-signing, and one key of two broken.  Every signature is checked by dkimpy through
 the lab's DNS, RSA ones by Mail::DKIM as well."""
 import base64
+import json
 import re
 import subprocess
 
@@ -124,3 +125,5 @@ def test_a_web_application_s_mail_aligns_only_when_the_from_domain_signs(lab, mo
         assert not re.search(warning, lab.log())
     else:
         lab.log(until=warning)
+        report = json.loads(lab.admin("report", "--json", "/var/log/mail.log").stdout)
+        assert {"d": "host.example.net", "from": "example.com", "count": 1} in report["misaligned"]

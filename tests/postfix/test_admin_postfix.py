@@ -1,0 +1,196 @@
+"""keyseal-admin postfix against the lab's real Postfix: setup and remove leave the
+configuration as they found it, check names the holes of the live configuration, and
+what postsuper -r does to signing."""
+import glob
+import os
+import re
+import smtplib
+import socket
+import subprocess
+import time
+
+import pytest
+
+from sandbox import postfix_lab
+from test_milter import deliver, message, sendmail, signatures, smtp, verifies
+
+MILTER_CONF = "/etc/keyseal/milter.conf"
+SOCKET = postfix_lab.QUEUE + "/keyseal/milter.sock"
+
+
+def postconf(*args):
+    return subprocess.run(["postconf", *args], check=True, capture_output=True, text=True).stdout
+
+
+def configuration():
+    """main.cf and master.cf as Postfix reads them: the explicit settings and the services."""
+    return postconf("-n"), postconf("-M"), postconf("-P")
+
+
+def reload_postfix():
+    subprocess.run(["postfix", "reload"], check=True, capture_output=True)
+
+
+@pytest.fixture
+def site(lab):
+    """The test may rewrite main.cf and master.cf; afterwards the lab's own, set up again."""
+    yield lab
+    with open(MILTER_CONF, "w"):
+        pass
+    lab.postfix_config()
+    lab.admin("postfix", "setup")
+
+
+@pytest.mark.parametrize("case,extra,after_setup,kept", [
+    ("a fresh site", "", None, None),
+    # the site's own milter stays in order, an explicitly empty list stays, and settings
+    # setup found as it wanted them are the administrator's
+    ("a site with a milter and its own settings",
+     "smtpd_milters = inet:127.0.0.1:9999\nnon_smtpd_milters =\nmilter_default_action = tempfail\n"
+     "disable_mime_output_conversion = yes\n", None, None),
+    ("a setting changed since setup", "", "milter_default_action=reject", "milter_default_action = reject"),
+])
+def test_remove_leaves_the_configuration_as_setup_found_it(site, case, extra, after_setup, kept):
+    site.postfix_config(extra)
+    before = configuration()
+    for _ in range(5):  # setup again and again: still one undo, and three pairs of copies
+        site.admin("postfix", "setup")
+    assert "unix:/keyseal/milter.sock" in postconf("-h", "smtpd_milters")
+    assert len(glob.glob("/etc/postfix/main.cf.keyseal-*")) == 3
+    assert len(glob.glob("/etc/postfix/master.cf.keyseal-*")) == 3
+    if after_setup:
+        postconf("-e", after_setup)
+    out = site.admin("postfix", "remove").stdout
+    main_cf, master_cf, overrides = configuration()
+    if kept:
+        assert kept in main_cf and "changed since keyseal-admin postfix setup" in out
+        main_cf = main_cf.replace(kept + "\n", "")
+    assert (main_cf, master_cf, overrides) == before
+    assert not os.path.exists("/etc/postfix/keyseal-setup")
+    assert "nothing to change" in site.admin("postfix", "remove").stdout
+
+
+def check(lab):
+    r = lab.admin("postfix", "check", check=False)
+    return r.stdout + r.stderr
+
+
+LOGIN_HOLE = "has SASL on and no reject_sender_login_mismatch with a smtpd_sender_login_maps: " \
+             "any authenticated user can have mail signed as any hosted domain"
+LOCAL_HOLE = "local_login_sender_maps = static:*: any local user of sendmail"
+
+
+@pytest.mark.parametrize("case,main_cf,services,holes", [
+    ("SASL in main.cf, nothing guards it", "", {}, ["smtp/inet " + LOGIN_HOLE, LOCAL_HOLE]),
+    ("the restriction without a map", "smtpd_sender_restrictions = reject_sender_login_mismatch\n",
+     {}, ["smtp/inet " + LOGIN_HOLE + "; fix: list each login's addresses in a map", LOCAL_HOLE]),
+    ("guarded, relay restrictions", "smtpd_sender_login_maps = inline:{ann@example.com=ann@example.com}\n"
+     "smtpd_relay_restrictions = reject_authenticated_sender_login_mismatch, permit_sasl_authenticated, "
+     "reject_unauth_destination\nlocal_login_sender_maps = inline:{ { root = * } }\n", {}, []),
+    # SASL on a submission service of master.cf alone, guarded through a $name there
+    ("submission's -o, unguarded", "smtpd_sasl_auth_enable = no\n",
+     {"submission/inet/smtpd_sasl_auth_enable": "yes"}, ["submission/inet " + LOGIN_HOLE, LOCAL_HOLE]),
+    ("submission's -o, guarded", "smtpd_sasl_auth_enable = no\nsmtpd_sender_login_maps = "
+     "inline:{a=b}\nmua_sender_restrictions = reject_sender_login_mismatch\n",
+     {"submission/inet/smtpd_sasl_auth_enable": "yes",
+      "submission/inet/smtpd_sender_restrictions": "$mua_sender_restrictions"}, [LOCAL_HOLE]),
+])
+def test_check_names_the_sender_login_holes(site, case, main_cf, services, holes):
+    site.postfix_config(main_cf)
+    site.admin("postfix", "setup")
+    if services:
+        postconf("-M", "submission/inet=submission inet n - y - - smtpd")
+        for name, value in services.items():
+            postconf("-P", f"{name}={value}")
+    out = check(site)
+    found = [line for line in out.splitlines() if "any hosted domain" in line]
+    assert len(found) == len(holes), out
+    for hole in holes:
+        assert any(line.startswith("warning: " + hole) for line in found), out
+
+
+def test_the_fix_check_names_holds_a_login_to_its_addresses(site):
+    site.postfix_config()
+    site.admin("postfix", "setup")
+    with open("/etc/postfix/sender_login", "w") as f:
+        f.write("ann@example.com ann@example.com\n")
+    subprocess.run(["postmap", "/etc/postfix/sender_login"], check=True)
+    postconf("-e", "smtpd_sender_login_maps = hash:/etc/postfix/sender_login",
+             "smtpd_sender_restrictions = reject_sender_login_mismatch")
+    assert LOGIN_HOLE not in check(site)
+    reload_postfix()
+    try:
+        with pytest.raises(smtplib.SMTPRecipientsRefused) as refused:
+            smtp(message(7050, sender=b"ann@other.org"), "ann@other.org", login=("ann@example.com", "secret"))
+        assert "not owned by user ann@example.com" in str(refused.value)
+        got, _ = deliver(site, smtp, message(7051), login=("ann@example.com", "secret"))
+        assert verifies(got)
+    finally:
+        site.postfix_config()
+        site.admin("postfix", "setup")
+
+
+@pytest.mark.parametrize("conf,warned", [
+    ("socket inet:8891@0.0.0.0\n", True),
+    ("socket inet:8891@192.0.2.1\n", True),
+    ("socket inet:8891\n", False),
+    ("socket inet:8891@localhost\n", False),
+])
+def test_check_warns_of_an_inet_socket_off_loopback(site, conf, warned):
+    with open(MILTER_CONF, "w") as f:
+        f.write(conf)
+    out = check(site)
+    assert ("not on loopback: whoever can reach it can have any message signed" in out) == warned, out
+    assert ("lets every local user have any message signed" in out) != warned
+    assert "keyseal-milter is not running: nothing listens on inet:" in out or "192.0.2.1" in conf
+
+
+def test_check_says_when_keyseal_milter_is_not_running(lab):
+    assert "keyseal-milter is not running" not in check(lab)
+    lab.stop_milter()
+    try:
+        assert re.search(r"^error: keyseal-milter is not running: no socket .*; start it: "
+                         r"systemctl start keyseal-milter$", check(lab), re.M)
+        # a socket file left behind by a killed milter: nothing listens
+        with socket.socket(socket.AF_UNIX) as s:
+            s.bind(SOCKET)
+        os.chmod(SOCKET, 0o770)
+        assert re.search(r"^error: keyseal-milter is not running: nothing listens on " + SOCKET +
+                         r" \(a socket file left behind\); start it: systemctl start keyseal-milter$",
+                         check(lab), re.M)
+    finally:
+        if os.path.exists(SOCKET):
+            os.remove(SOCKET)
+        lab.start_milter()
+
+
+def test_postsuper_requeue_passes_no_milter(lab):
+    """Re-queued mail keeps what it had: a signed message its one signature, an unsigned
+    one none, and keyseal sees neither again."""
+    postconf("-e", "defer_transports = smtp")
+    reload_postfix()
+    try:
+        smtp(message(7060), "ann@example.com")  # a client at 127.0.0.1: not signed
+        sendmail(message(7061), "ann@example.com")  # local submission: signed
+        qids = lambda n: re.findall(rf"cleanup\[\d+\]: ([0-9A-F]+): message-id=<case{n}@", lab.log())
+        first = {n: lab.log(until=rf"message-id=<case{n}@") and qids(n)[-1] for n in (7060, 7061)}
+        for n, qid in first.items():
+            lab.log(until=rf"{qid}: .*status=deferred")
+            subprocess.run(["postsuper", "-r", qid], check=True, capture_output=True)
+    finally:
+        postconf("-X", "defer_transports")
+        reload_postfix()
+    seen = lab.capture.count
+
+    def flushed():  # the queue manager that deferred them may outlive the reload a moment
+        subprocess.run(["postqueue", "-f"], check=True)
+        time.sleep(1)
+        return lab.capture.count >= seen + 2
+    postfix_lab.wait_for(flushed, "the re-queued messages delivered")
+    got = {re.search(rb"Subject: case (\d+)", m).group(1): m for m in lab.delivered(seen + 2)[seen:]}
+    assert signatures(got[b"7060"]) == []
+    assert len(signatures(got[b"7061"])) == 1 and verifies(got[b"7061"])
+    for n in first:
+        again = qids(n)[-1]
+        lab.log(until=rf"{again}: .*status=sent")
+        assert again != first[n] and not re.search(rf"keyseal(-milter)?\[\d+\]: {again}:", lab.log())
