@@ -576,8 +576,9 @@ std::string ended_how(int status)
             std::erase_if(ends,
                           [&](Clock::time_point t) { return now - t > std::chrono::minutes(1); });
             halyx_log(LOG_ERR, MILTER_LOG_HELPER_ENDED, (int)helper_pid, ended_how(st).c_str());
+            pidfd = -1;
             helper_pid = ends.size() < 5 ? helper.start(pidfd) : -1;
-            if (helper_pid < 0) {
+            if (helper_pid < 0 || pidfd < 0) {
                 halyx_log(LOG_ERR, "cannot keep a signing helper running; stopping so that the "
                                    "service restarts");
                 status = 1;

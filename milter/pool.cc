@@ -86,7 +86,7 @@ void warm_up()
     BIO *pem = BIO_new(BIO_s_mem());
     char *text = nullptr;
     if (key != nullptr && pem != nullptr &&
-        PEM_write_bio_PrivateKey(pem, key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
+        PEM_write_bio_PKCS8PrivateKey(pem, key, nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
         BIO_write(pem, "", 1) == 1 && BIO_get_mem_data(pem, &text) > 0) {
         static const char SAMPLE[] = "From: warm-up <w@keyseal.invalid>\n\nwarm-up\n";
         FILE *msg = fmemopen((void *)SAMPLE, sizeof(SAMPLE) - 1, "r");

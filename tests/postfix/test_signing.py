@@ -127,3 +127,15 @@ def test_a_web_application_s_mail_aligns_only_when_the_from_domain_signs(lab, mo
         lab.log(until=warning)
         report = json.loads(lab.admin("report", "--json", "/var/log/mail.log").stdout)
         assert {"d": "host.example.net", "from": "example.com", "count": 1} in report["misaligned"]
+
+
+def test_a_replaced_key_signs_the_next_message(lab):
+    # one worker serves both messages and keeps the keys it parsed: by their bytes, so the
+    # new key file is a new key at once
+    lab.stop_milter()
+    lab.start_milter()
+    first, _ = deliver(lab, sendmail, message(100))
+    lab.admin("keygen", "example.com", "--force")
+    lab.nsd.serve("example.com", lab.admin("dns", "example.com").stdout)
+    second, _ = deliver(lab, sendmail, message(101))
+    assert verified(second, 0) and not verified(first, 0)
