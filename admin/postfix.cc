@@ -621,8 +621,22 @@ int cmd_postfix_check()
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
         auto milters = list(get(name));
         bool ours = false, outside = false;
-        for (const auto &m : milters)
+        for (const auto &m : milters) {
             ours |= m == sock.postfix, outside |= m == sock.outside && m != sock.postfix;
+            /* Postfix reaching keyseal-milter's port at an outside address: the milter
+             * listens there too */
+            size_t colon = m.rfind(':');
+            if (m.rfind("inet:", 0) != 0 || colon <= 5 || m == sock.postfix || sock.port.empty() ||
+                m.substr(colon + 1) != sock.port)
+                continue;
+            std::string host = m.substr(5, colon - 5);
+            if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
+            if (!loopback(host))
+                report.warning(std::string(name) + " reaches keyseal-milter's port at " + m +
+                               ", not on loopback: whoever can reach it can have any message "
+                               "signed with this server's keys; use inet:127.0.0.1:" +
+                               sock.port);
+        }
         const char *what =
             name[0] == 's' ? "mail from SMTP clients" : "mail submitted with sendmail";
         if (ours)
