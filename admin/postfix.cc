@@ -12,6 +12,7 @@
 #include <fstream>
 #include <map>
 #include <netdb.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -139,8 +140,9 @@ bool loopback(const std::string &host)
     return all;
 }
 
-/* connect_errno - 0 when something listens at host:port, else connect()'s errno; the
- * wildcard addresses are reached through loopback, as Postfix reaches them */
+/* connect_errno - 0 when something listens at host:port, else connect()'s errno (ETIMEDOUT
+ * after 5 s without an answer); the wildcard addresses are reached through loopback, as
+ * Postfix reaches them */
 int connect_errno(const std::string &host, const std::string &port)
 {
     std::string to = host == "0.0.0.0" ? "127.0.0.1" : host == "::" ? "::1" : host;
@@ -149,9 +151,21 @@ int connect_errno(const std::string &host, const std::string &port)
     if (getaddrinfo(to.c_str(), port.c_str(), &hints, &res) != 0) return EHOSTUNREACH;
     int err = ECONNREFUSED;
     for (addrinfo *a = res; a && err != 0; a = a->ai_next) {
-        int fd = socket(a->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        err = fd < 0 || connect(fd, a->ai_addr, a->ai_addrlen) != 0 ? errno : 0;
-        if (fd >= 0) close(fd);
+        int fd = socket(a->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) {
+            err = errno;
+            continue;
+        }
+        err = connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+        if (err == EINPROGRESS) {
+            pollfd p{fd, POLLOUT, 0};
+            socklen_t len = sizeof(err);
+            if (poll(&p, 1, 5000) != 1)
+                err = ETIMEDOUT;
+            else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+                err = errno;
+        }
+        close(fd);
     }
     freeaddrinfo(res);
     return err;
