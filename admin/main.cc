@@ -104,7 +104,7 @@ int main(int argc, char **argv)
     postfix->require_subcommand(1);
     postfix->add_subcommand("setup", "write the settings with postconf, keeping copies");
     postfix->add_subcommand("check", "name every pitfall of the live configuration");
-    postfix->add_subcommand("remove", "take keyseal-milter out of Postfix's milter lists");
+    postfix->add_subcommand("remove", "undo what setup wrote, where it still has setup's values");
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
