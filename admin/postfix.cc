@@ -533,10 +533,11 @@ int cmd_postfix_setup()
 
     /* change - name set to value; a change remembered with what was there before, unless
      * an earlier setup's record already holds that */
-    auto change = [&](const std::string &name, const std::string &value, const std::string &what) {
+    auto change = [&](const std::string &name, const std::string &value, const std::string &what,
+                      const std::string &why) {
         std::string old = settings.value(name);
         if (old == value) {
-            lines.push_back("unchanged: " + what + " = " + value);
+            lines.push_back("unchanged: " + what + value);
             return;
         }
         /* what was there before: an earlier setup's record while the setting still has
@@ -546,15 +547,16 @@ int cmd_postfix_setup()
             record[name] = {value, !settings.is_explicit(name), old};
         record[name].wrote = value;
         settings.set(name, value);
-        lines.push_back("changed: " + what + " = " + value +
-                        " (was: " + (old.empty() ? "empty" : old) + ")");
+        lines.push_back("changed: " + what + value +
+                        (why.empty() ? " (was: " + (old.empty() ? "empty" : old) + ")" : why));
     };
-    for (const char *name : {"smtpd_milters", "non_smtpd_milters"})
-        change(name, milter_list(settings.value(name), sock, true), name);
-    change("milter_default_action", c.strict ? "tempfail" : "accept", "milter_default_action");
-    change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion");
-    change(CLEANUP_MARK, MILTER_LOCAL_MARK,
-           "master.cf cleanup -o milter_macro_daemon_name (marks mail submitted with sendmail)");
+    for (const std::string name : {"smtpd_milters", "non_smtpd_milters"})
+        change(name, milter_list(settings.value(name), sock, true), name + " = ", "");
+    change("milter_default_action", c.strict ? "tempfail" : "accept",
+           "milter_default_action = ", "");
+    change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion = ", "");
+    change(CLEANUP_MARK, MILTER_LOCAL_MARK, "master.cf cleanup -o milter_macro_daemon_name=",
+           " (marks mail submitted with sendmail)");
 
     std::vector<std::string> kept = copy_configuration(dir);
     write_record(record_path(), record); /* first: remove must know what setup wrote */
