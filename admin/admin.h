@@ -195,9 +195,11 @@ Run run_program(const std::string &path, const std::vector<std::string> &args,
 
 // postfix.cc
 /* cmd_postfix_setup - the Postfix settings keyseal-milter needs, written with postconf after
- * keeping copies of main.cf and master.cf; prints what it changed */
+ * keeping copies of main.cf and master.cf (the newest three pairs); prints what it changed
+ * and records it, with what was there before */
 int cmd_postfix_setup();
-/* cmd_postfix_remove - keyseal-milter out of smtpd_milters and non_smtpd_milters */
+/* cmd_postfix_remove - keyseal-milter out of smtpd_milters and non_smtpd_milters, and every
+ * other setting setup recorded back as it was, unless changed since */
 int cmd_postfix_remove();
 /* cmd_postfix_check - every pitfall of the live Postfix configuration, with its fix */
 int cmd_postfix_check();

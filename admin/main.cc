@@ -117,7 +117,7 @@ int main(int argc, char **argv)
     postfix->require_subcommand(1);
     postfix->add_subcommand("setup", "write the settings with postconf, keeping copies");
     postfix->add_subcommand("check", "name every pitfall of the live configuration");
-    postfix->add_subcommand("remove", "take keyseal-milter out of Postfix's milter lists");
+    postfix->add_subcommand("remove", "undo what setup wrote, where it still has setup's values");
     auto *rotate = app.add_subcommand("rotate", "replace a domain's key without a gap in signing");
     rotate->require_subcommand(1);
     std::string rotate_type, selector_of, replaces, new_selector;

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <netdb.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -141,8 +142,9 @@ bool loopback(const std::string &host)
     return all;
 }
 
-/* connect_errno - 0 when something listens at host:port, else connect()'s errno; the
- * wildcard addresses are reached through loopback, as Postfix reaches them */
+/* connect_errno - 0 when something listens at host:port, else connect()'s errno (ETIMEDOUT
+ * after 5 s without an answer); the wildcard addresses are reached through loopback, as
+ * Postfix reaches them */
 int connect_errno(const std::string &host, const std::string &port)
 {
     std::string to = host == "0.0.0.0" ? "127.0.0.1" : host == "::" ? "::1" : host;
@@ -151,9 +153,21 @@ int connect_errno(const std::string &host, const std::string &port)
     if (getaddrinfo(to.c_str(), port.c_str(), &hints, &res) != 0) return EHOSTUNREACH;
     int err = ECONNREFUSED;
     for (addrinfo *a = res; a && err != 0; a = a->ai_next) {
-        int fd = socket(a->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        err = fd < 0 || connect(fd, a->ai_addr, a->ai_addrlen) != 0 ? errno : 0;
-        if (fd >= 0) close(fd);
+        int fd = socket(a->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) {
+            err = errno;
+            continue;
+        }
+        err = connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+        if (err == EINPROGRESS) {
+            pollfd p{fd, POLLOUT, 0};
+            socklen_t len = sizeof(err);
+            if (poll(&p, 1, 5000) != 1)
+                err = ETIMEDOUT;
+            else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0)
+                err = errno;
+        }
+        close(fd);
     }
     freeaddrinfo(res);
     return err;
@@ -521,10 +535,11 @@ int cmd_postfix_setup()
 
     /* change - name set to value; a change remembered with what was there before, unless
      * an earlier setup's record already holds that */
-    auto change = [&](const std::string &name, const std::string &value, const std::string &what) {
+    auto change = [&](const std::string &name, const std::string &value, const std::string &what,
+                      const std::string &why) {
         std::string old = settings.value(name);
         if (old == value) {
-            lines.push_back("unchanged: " + what + " = " + value);
+            lines.push_back("unchanged: " + what + value);
             return;
         }
         /* what was there before: an earlier setup's record while the setting still has
@@ -534,15 +549,16 @@ int cmd_postfix_setup()
             record[name] = {value, !settings.is_explicit(name), old};
         record[name].wrote = value;
         settings.set(name, value);
-        lines.push_back("changed: " + what + " = " + value +
-                        " (was: " + (old.empty() ? "empty" : old) + ")");
+        lines.push_back("changed: " + what + value +
+                        (why.empty() ? " (was: " + (old.empty() ? "empty" : old) + ")" : why));
     };
-    for (const char *name : {"smtpd_milters", "non_smtpd_milters"})
-        change(name, milter_list(settings.value(name), sock, true), name);
-    change("milter_default_action", c.strict ? "tempfail" : "accept", "milter_default_action");
-    change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion");
-    change(CLEANUP_MARK, MILTER_LOCAL_MARK,
-           "master.cf cleanup -o milter_macro_daemon_name (marks mail submitted with sendmail)");
+    for (const std::string name : {"smtpd_milters", "non_smtpd_milters"})
+        change(name, milter_list(settings.value(name), sock, true), name + " = ", "");
+    change("milter_default_action", c.strict ? "tempfail" : "accept",
+           "milter_default_action = ", "");
+    change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion = ", "");
+    change(CLEANUP_MARK, MILTER_LOCAL_MARK, "master.cf cleanup -o milter_macro_daemon_name=",
+           " (marks mail submitted with sendmail)");
 
     std::vector<std::string> kept = copy_configuration(dir);
     write_record(record_path(), record); /* first: remove must know what setup wrote */
@@ -623,8 +639,22 @@ int cmd_postfix_check()
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {
         auto milters = list(get(name));
         bool ours = false, outside = false;
-        for (const auto &m : milters)
+        for (const auto &m : milters) {
             ours |= m == sock.postfix, outside |= m == sock.outside && m != sock.postfix;
+            /* Postfix reaching keyseal-milter's port at an outside address: the milter
+             * listens there too */
+            size_t colon = m.rfind(':');
+            if (m.rfind("inet:", 0) != 0 || colon <= 5 || m == sock.postfix || sock.port.empty() ||
+                m.substr(colon + 1) != sock.port)
+                continue;
+            std::string host = m.substr(5, colon - 5);
+            if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
+            if (!loopback(host))
+                report.warning(std::string(name) + " reaches keyseal-milter's port at " + m +
+                               ", not on loopback: whoever can reach it can have any message "
+                               "signed with this server's keys; use inet:127.0.0.1:" +
+                               sock.port);
+        }
         const char *what =
             name[0] == 's' ? "mail from SMTP clients" : "mail submitted with sendmail";
         if (ours)
