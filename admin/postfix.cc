@@ -124,10 +124,9 @@ Socket socket_for(const keyseal_milter::Config &c, bool chroot)
     return s;
 }
 
-/* loopback - whether every address host stands for is a loopback address */
-bool loopback(const std::string &host)
+/* host_on_loopback - whether every address host stands for is a loopback address */
+bool host_on_loopback(const std::string &host)
 {
-    static const halyx::net::IPAnyNetwork v4("127.0.0.0/8"), v6("::1/128");
     addrinfo hints{}, *res = nullptr;
     hints.ai_socktype = SOCK_STREAM;
     if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0) return false;
@@ -136,7 +135,7 @@ bool loopback(const std::string &host)
         char ip[NI_MAXHOST];
         all &= getnameinfo(a->ai_addr, a->ai_addrlen, ip, sizeof(ip), nullptr, 0, NI_NUMERICHOST) ==
                    0 &&
-               (v4.contains(ip) || v6.contains(ip));
+               loopback(ip);
     }
     freeaddrinfo(res);
     return all;
@@ -392,7 +391,7 @@ void check_socket(const keyseal_milter::Config &c, const Socket &sock, Report &r
             report.error("cannot connect to " + where + ": " + strerror(err));
         else
             report.ok("keyseal-milter answers on " + where);
-        if (!loopback(sock.host))
+        if (!host_on_loopback(sock.host))
             report.warning(c.path + " has keyseal-milter listen on " + c.socket +
                            ", not on loopback: whoever can reach it can have any message signed "
                            "with this server's keys; write socket inet:" +
@@ -649,7 +648,7 @@ int cmd_postfix_check()
                 continue;
             std::string host = m.substr(5, colon - 5);
             if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
-            if (!loopback(host))
+            if (!host_on_loopback(host))
                 report.warning(std::string(name) + " reaches keyseal-milter's port at " + m +
                                ", not on loopback: whoever can reach it can have any message "
                                "signed with this server's keys; use inet:127.0.0.1:" +
