@@ -30,9 +30,9 @@ class Closed(ConnectionError):
 
 @dataclass
 class Answer:
-    final: bytes = b""  # the last answer's command: c, a, t, r, d
+    final: bytes = b""  # the answer: c, a, t, r, d
     stage: bytes = b""  # the stage it answered
-    reply: bytes = b""  # the 'y' text: "451 4.7.1 ..."
+    reply: bytes = b""  # with a reply text ('y'): "451 4.7.1 ...", final t (4xx) or r
     mods: list = field(default_factory=list)  # (cmd, index, name, value), in order
     leadspc: bool = True  # header values the milter sends keep their leading space
 
@@ -96,9 +96,11 @@ class Milter:
             c, d = self.read()
             if c == b"p":  # progress: the milter is still at it
                 continue
-            if c == b"y":
+            if c == b"y":  # a reply text of its own: a temporary failure or a rejection with it
                 answer.reply = d.rstrip(b"\0")
-            elif cmd != b"E" or c not in MODIFICATIONS:
+                answer.final = b"t" if answer.reply[:1] == b"4" else b"r"
+                return answer
+            if cmd != b"E" or c not in MODIFICATIONS:
                 answer.final = c
                 return answer
             elif c in b"im":
