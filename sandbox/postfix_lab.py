@@ -199,16 +199,21 @@ class Lab:
         wait_for(lambda: not glob.glob(QUEUE + "/pid/master.pid") or not alive_pid(QUEUE + "/pid/master.pid"),
                  "Postfix to stop")
 
-    def start_milter(self, conf_text=""):
-        """keyseal-milter as the service runs it: as keyseal, /etc/keyseal/milter.conf."""
+    def start_milter(self, conf_text="", name="milter", ready=None):
+        """keyseal-milter as the service runs it: as keyseal, /etc/keyseal/milter.conf.  Another
+        instance beside Postfix's has a name of its own: its settings are /etc/keyseal/NAME.conf,
+        procs[name] its process, and ready() tells when it listens where those settings say."""
         os.makedirs("/etc/keyseal", exist_ok=True)
         # the service's RuntimeDirectory, here inside the lab: keyseal-admin finds the pid there
         run = os.path.join(self.root, "run")
         os.makedirs(run, exist_ok=True)
         shutil.chown(run, "keyseal", "keyseal")
-        self.pid_file = os.path.join(run, "keyseal-milter.pid")
-        with open("/etc/keyseal/milter.conf", "w") as f:
-            f.write(conf_text if "pid_file" in conf_text else f"pid_file {self.pid_file}\n" + conf_text)
+        pid_file = os.path.join(run, "keyseal-milter.pid" if name == "milter" else f"{name}.pid")
+        if name == "milter":
+            self.pid_file = pid_file
+        conf = f"/etc/keyseal/{name}.conf"
+        with open(conf, "w") as f:
+            f.write(conf_text if "pid_file" in conf_text else f"pid_file {pid_file}\n" + conf_text)
         os.makedirs(QUEUE + "/keyseal", exist_ok=True)
         shutil.chown(QUEUE + "/keyseal", "keyseal", "postfix")
         os.chmod(QUEUE + "/keyseal", 0o2750)
@@ -220,13 +225,14 @@ class Lab:
         if not os.path.exists(binary):
             os.makedirs("/usr/local/sbin", exist_ok=True)
             shutil.copy(self.milter_bin, binary)
-        self.procs["milter"] = subprocess.Popen(
-            ["setpriv", "--reuid=keyseal", "--regid=keyseal", "--init-groups", binary, "-f"],
+        self.procs[name] = subprocess.Popen(
+            ["setpriv", "--reuid=keyseal", "--regid=keyseal", "--init-groups", binary, "-f", "-c", conf],
             env=env)
-        milter = self.procs["milter"]
-        wait_for(lambda: os.path.exists(QUEUE + "/keyseal/milter.sock") or milter.poll() is not None,
-                 "keyseal-milter's socket")
+        milter = self.procs[name]
+        ready = ready or (lambda: os.path.exists(QUEUE + "/keyseal/milter.sock"))
+        wait_for(lambda: ready() or milter.poll() is not None, "keyseal-milter's socket")
         assert milter.poll() is None, f"keyseal-milter ended with status {milter.returncode}"
+        return milter
 
     def stop_milter(self, sig=15):
         p = self.procs.pop("milter", None)
