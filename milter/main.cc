@@ -84,7 +84,8 @@ std::shared_ptr<const Config> load_settings()
 }
 
 Helper helper;
-std::atomic<int> in_flight{0}; /* messages between MAIL FROM and their end */
+std::atomic<int> in_flight{0};     /* messages between MAIL FROM and their end */
+std::atomic<bool> stopping{false}; /* no new connection is taken: the milter drains */
 
 /* Stages whose answer is always "continue" until the end of the message: the server is
  * told not to wait for it, and stages the milter has no use for are not sent at all.
@@ -545,7 +546,6 @@ std::string ended_how(int status)
 {
     using Clock = std::chrono::steady_clock;
     std::vector<Clock::time_point> ends;
-    bool stopping = false;
     int status = 0;
     Clock::time_point deadline;
     for (;;) {
@@ -559,12 +559,16 @@ std::string ended_how(int status)
                 continue;
             }
             if (sigs[i] == SIGHUP || stopping) continue;
-            /* SIGTERM, SIGINT, or libmilter stopped on its own (a failure) */
+            /* SIGTERM, SIGINT, or libmilter stopped on its own (a failure).  The library
+             * is not asked to stop: it would end the sessions of the messages in flight
+             * at their next command.  New connections find no socket file, or are closed
+             * at accept, while those messages finish. */
             stopping = true;
             if (sigs[i] == MILTER_ENDED && milter_status != MI_SUCCESS) status = 1;
-            halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight.load());
-            smfi_stop();
             auto s = settings();
+            std::string path = socket_path(s->socket);
+            if (!path.empty()) unlink(path.c_str());
+            halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight.load());
             deadline = Clock::now() + std::chrono::seconds(s->timeout + POOL_KILL_GRACE + 5);
         }
         if (fds[1].revents) {
@@ -619,6 +623,11 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
     socklen_t peer_len = sizeof(peer);
     int conn = (int)syscall(SYS_accept4, fd, (sockaddr *)&peer, &peer_len, 0);
     if (conn < 0) return -1;
+    if (stopping) {
+        close(conn);
+        errno = EINTR;
+        return -1;
+    }
     if (peer.ss_family == AF_INET || peer.ss_family == AF_INET6) {
         std::string ip = address_text((const sockaddr *)&peer);
         auto c = settings();
