@@ -140,6 +140,14 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
     free(sample);
 
     Report report;
+    /* signed_ok - a signed message: its size and first line, then the DNS's verdict on it */
+    auto signed_ok = [&](const Run &run, const std::string &how) {
+        report.ok(how + std::to_string(run.out.size()) + " bytes out");
+        std::string first = run.out.substr(0, run.out.find("\n\t"));
+        report.note(first.size() < 100 ? first : first.substr(0, 100) + "...");
+        verify(run.out, ns, report);
+        return report.exit_status();
+    };
     if (key_is_ed25519(domain, selector)) {
         /* the handler cannot sign with this key: prove it where it signs */
         report.note(std::string(ED25519_NOTE));
@@ -153,12 +161,7 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
                          describe(run.status) + "; its log lines are above");
             return report.exit_status();
         }
-        report.ok("signed as keyseal-milter signs: " + std::to_string(run.out.size()) +
-                  " bytes out");
-        std::string first = run.out.substr(0, run.out.find("\n\t"));
-        report.note(first.size() < 100 ? first : first.substr(0, 100) + "...");
-        verify(run.out, ns, report);
-        return report.exit_status();
+        return signed_ok(run, "signed as keyseal-milter signs: ");
     }
     report.note("running " + local + " " + keyseal + " " + args[0] + " " + sender + " " + sender +
                 " < (a sample message)" + (user != nullptr ? ", as user " + user->user : ""));
@@ -170,12 +173,7 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
                      trace + " (journalctl -t keyseal, or /var/log/mail.log)");
         return report.exit_status();
     }
-    report.ok("the handler signed: verdict PASS, exit status 0, " + std::to_string(run.out.size()) +
-              " bytes out");
-    std::string first = run.out.substr(0, run.out.find("\n\t"));
-    report.note(first.size() < 100 ? first : first.substr(0, 100) + "...");
-    verify(run.out, ns, report);
-    return report.exit_status();
+    return signed_ok(run, "the handler signed: verdict PASS, exit status 0, ");
 }
 
 } // namespace keyseal_admin

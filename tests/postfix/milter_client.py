@@ -131,13 +131,7 @@ class Milter:
     def headers(self, message):
         """Each header of message (CR LF text) in turn; the body that follows them."""
         head, body = message.split(b"\r\n\r\n", 1)
-        fields = []
-        for line in head.split(b"\r\n"):
-            if line[:1] in (b" ", b"\t"):
-                fields[-1] += b"\n" + line
-            else:
-                fields.append(line)
-        for f in fields:
+        for f in fields(head, b"\n"):
             name, value = f.split(b":", 1)
             self.header(name, value)
         return body
@@ -171,6 +165,17 @@ class Milter:
         return self.eom(macros={"i": queue_id})
 
 
+def fields(head, fold):
+    """The header fields of a header block (CR LF text), folded lines joined with fold."""
+    out = []
+    for line in head.split(b"\r\n"):
+        if line[:1] in (b" ", b"\t"):
+            out[-1] += fold + line
+        else:
+            out.append(line)
+    return out
+
+
 def session(address, daemon="mx.example.com", client="10.0.0.6", source=None, host="client.example"):
     """A negotiated session of an SMTP client at client, passed on by a server whose
     {daemon_name} is daemon."""
@@ -183,23 +188,18 @@ def session(address, daemon="mx.example.com", client="10.0.0.6", source=None, ho
 def applied(message, answer):
     """message as the server holds it after the answer's header changes."""
     head, body = message.split(b"\r\n\r\n", 1)
-    fields = []
-    for line in head.split(b"\r\n"):
-        if line[:1] in (b" ", b"\t"):
-            fields[-1] += b"\r\n" + line
-        else:
-            fields.append(line)
+    held = fields(head, b"\r\n")
     text = lambda name, value: name + b":" + (b"" if answer.leadspc else b" ") + value.replace(b"\n", b"\r\n")
     for cmd, index, name, value in answer.mods:
         if cmd == b"h":
-            fields.append(text(name, value))
+            held.append(text(name, value))
         elif cmd == b"i":
-            fields.insert(index, text(name, value))
+            held.insert(index, text(name, value))
         elif cmd == b"m":
-            places = [i for i, f in enumerate(fields) if f.split(b":", 1)[0].lower() == name.lower()]
+            places = [i for i, f in enumerate(held) if f.split(b":", 1)[0].lower() == name.lower()]
             if index <= len(places):
                 at = places[index - 1]
-                fields[at:at + 1] = [text(name, value)] if value else []
+                held[at:at + 1] = [text(name, value)] if value else []
             elif value:
-                fields.append(text(name, value))
-    return b"\r\n".join(fields) + b"\r\n\r\n" + body
+                held.append(text(name, value))
+    return b"\r\n".join(held) + b"\r\n\r\n" + body
