@@ -535,7 +535,7 @@ std::string socket_path(const std::string &socket)
 /* ended_how - a wait status in words, for the log */
 std::string ended_how(int status)
 {
-    if (WIFSIGNALED(status)) return std::string("killed by ") + strsignal(WTERMSIG(status));
+    if (WIFSIGNALED(status)) return std::string("killed by SIG") + sigabbrev_np(WTERMSIG(status));
     return "exit status " + std::to_string(WEXITSTATUS(status));
 }
 

@@ -11,9 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -53,75 +50,7 @@ std::vector<const char *> names(const std::vector<std::string> &v)
     return out;
 }
 
-/* The keys a worker has parsed, by their exact text: parsing a key costs more than the
- * signature it makes (OpenSSL 3's decoders), and a worker signs with the same few keys
- * message after message.  The same bytes are the same key; a changed file gives other
- * bytes and a fresh parse.  A handful is kept, the oldest going first. */
-struct ParsedKey {
-    std::string text;
-    EVP_PKEY *key;
-};
-std::vector<ParsedKey> parsed_keys; /* the worker's one thread alone uses it */
-constexpr size_t PARSED_KEYS_MAX = 8;
-
-/* parse_key - a PEM private key without a passphrase: PKCS#8 or PKCS#1 RSA, or NULL.  No
- * prompt is ever shown: an encrypted key is no key here. */
-EVP_PKEY *parse_key(BIO *bio)
-{
-    char *name = nullptr, *header = nullptr;
-    unsigned char *der = nullptr;
-    long len = 0;
-    if (PEM_read_bio(bio, &name, &header, &der, &len) != 1) return nullptr;
-    EVP_PKEY *key = nullptr;
-    const unsigned char *p = der;
-    if (header[0] == '\0' && strcmp(name, "PRIVATE KEY") == 0) {
-        PKCS8_PRIV_KEY_INFO *p8 = d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, len);
-        if (p8 != nullptr) key = EVP_PKCS82PKEY(p8);
-        PKCS8_PRIV_KEY_INFO_free(p8);
-    } else if (header[0] == '\0' && strcmp(name, "RSA PRIVATE KEY") == 0) {
-        key = d2i_PrivateKey(EVP_PKEY_RSA, nullptr, &p, len);
-    }
-    OPENSSL_cleanse(der, (size_t)len);
-    OPENSSL_free(der);
-    OPENSSL_free(name);
-    OPENSSL_free(header);
-    return key;
-}
-
 } // namespace
-} // namespace keyseal_milter
-
-/* PEM_read_bio_PrivateKey - the call libopendkim makes for a PEM key at every signature,
- * answered from the worker's parsed keys.  Only keyseal-milter's worker defines it; the
- * handler and keyseal-admin parse as the library does. */
-extern "C" EVP_PKEY *PEM_read_bio_PrivateKey(BIO *bio, EVP_PKEY **x, pem_password_cb *, void *)
-{
-    using namespace keyseal_milter;
-    char *data = nullptr;
-    long len = BIO_method_type(bio) == BIO_TYPE_MEM ? BIO_get_mem_data(bio, &data) : 0;
-    std::string text = len > 0 ? std::string(data, (size_t)len) : std::string();
-    EVP_PKEY *key = nullptr;
-    for (const ParsedKey &k : parsed_keys)
-        if (!text.empty() && k.text == text && EVP_PKEY_up_ref(k.key) == 1) key = k.key;
-    if (key == nullptr && (key = parse_key(bio)) != nullptr && !text.empty() &&
-        EVP_PKEY_up_ref(key) == 1) {
-        if (parsed_keys.size() == PARSED_KEYS_MAX) {
-            OPENSSL_cleanse(parsed_keys.front().text.data(), parsed_keys.front().text.size());
-            EVP_PKEY_free(parsed_keys.front().key);
-            parsed_keys.erase(parsed_keys.begin());
-        }
-        parsed_keys.push_back({text, key});
-    }
-    OPENSSL_cleanse(text.data(), text.size());
-    if (x != nullptr) {
-        EVP_PKEY_free(*x);
-        *x = key;
-    }
-    return key;
-}
-
-namespace keyseal_milter
-{
 
 Result serve(const Job &job, int message_fd)
 {

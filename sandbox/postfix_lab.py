@@ -204,8 +204,10 @@ class Lab:
         instance beside Postfix's has a name of its own: its settings are /etc/keyseal/NAME.conf,
         procs[name] its process, and ready() tells when it listens where those settings say."""
         os.makedirs("/etc/keyseal", exist_ok=True)
-        # the service's RuntimeDirectory, here inside the lab: keyseal-admin finds the pid there
-        run = os.path.join(self.root, "run")
+        # the service's RuntimeDirectory, here on the lab's own /usr/local, where the keyseal
+        # user reaches it (the lab's root directory is root's alone): keyseal-admin finds the
+        # pid there
+        run = "/usr/local/run/keyseal-milter"
         os.makedirs(run, exist_ok=True)
         shutil.chown(run, "keyseal", "keyseal")
         pid_file = os.path.join(run, "keyseal-milter.pid" if name == "milter" else f"{name}.pid")
