@@ -547,6 +547,7 @@ std::string ended_how(int status)
     using Clock = std::chrono::steady_clock;
     std::vector<Clock::time_point> ends;
     int status = 0;
+    Clock::time_point quiet_since;
     Clock::time_point deadline;
     for (;;) {
         pollfd fds[2] = {{signal_pipe[0], POLLIN, 0}, {pidfd, POLLIN, 0}};
@@ -570,6 +571,7 @@ std::string ended_how(int status)
             if (!path.empty()) unlink(path.c_str());
             halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight.load());
             deadline = Clock::now() + std::chrono::seconds(s->timeout + POOL_KILL_GRACE + 5);
+            quiet_since = Clock::now();
         }
         if (fds[1].revents) {
             int st = 0;
@@ -589,7 +591,11 @@ std::string ended_how(int status)
                 break;
             }
         }
-        if (stopping && (in_flight.load() == 0 || Clock::now() >= deadline)) break;
+        /* a message is in flight from its MAIL FROM on, but the command may still wait in
+         * the socket: the drain ends after a second with none, or at the deadline */
+        auto now = Clock::now();
+        if (in_flight.load() > 0) quiet_since = now;
+        if (stopping && (now - quiet_since >= std::chrono::seconds(1) || now >= deadline)) break;
     }
     auto s = settings();
     std::string path = socket_path(s->socket);
