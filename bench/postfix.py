@@ -478,6 +478,10 @@ def main():
     b = Bench(lab, root)
     os.makedirs(os.path.dirname(b.dump))
     shutil.chown(os.path.dirname(b.dump), "nobody")
+    # smtp-sink writes as nobody: the directories above its own must let it pass (a
+    # temporary work directory is its creator's alone)
+    for d in (root, os.path.dirname(os.path.abspath(root))):
+        os.chmod(d, os.stat(d).st_mode | 0o011)
     sink = subprocess.Popen(["smtp-sink", "-u", "nobody", "-D", b.dump,
                              "127.0.0.1:" + str(postfix_lab.CAPTURE_PORT), "256"], stdout=subprocess.DEVNULL)
     postfix_lab.wait_for(lambda: postfix_lab.connects(("127.0.0.1", postfix_lab.CAPTURE_PORT))
