@@ -79,8 +79,9 @@ static void feed_each(DKIM **handles, dk_result **results, size_t n, FILE *messa
     buf[FEED_BUFFER - 1] = '\0';
     size_t live = 0;
     for (size_t i = 0; i < n; i++) {
+        if (handles[i] == nullptr) continue; /* its result says already why */
         results[i]->text = nullptr;
-        live += handles[i] != nullptr;
+        live++;
     }
 
     while (live > 0 && fgets(buf, FEED_LIMIT, message) != nullptr) {
@@ -139,37 +140,9 @@ static char *signature_header(unsigned char *value)
 
 dk_result *keyseal(const char *domain, const char *selector, const char *key, FILE *message)
 {
-    dk_result *result = dk_result_init();
-    if (result == nullptr) messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
-
-    DKIM_LIB *lib = dk_init(result, 0);
-    if (lib == nullptr) return result;
-    /* a passphrase-protected key must fail, not prompt on stderr (the chain's verdict
-     * channel) or wait for a terminal: OpenSSL asks its default UI, which answers nothing */
-    UI_set_default_method(UI_null());
-
-    DKIM_STAT status = DKIM_STAT_OK;
-    DKIM *dkim = dkim_sign(lib, (const unsigned char *)"keyseal()", nullptr, (dkim_sigkey_t)key,
-                           (const unsigned char *)selector, (const unsigned char *)domain,
-                           DKIM_CANON_RELAXED, DKIM_CANON_RELAXED, DKIM_SIGN_DEFAULT, -1, &status);
-    result->status = status;
-    if (dkim == nullptr) {
-        result->text = asprintf_safe("Unable to initialize DKIM siginig process: %s",
-                                     status_text(result->status));
-        dkim_close(lib);
-        return result;
-    }
-
-    dkim_signhdrs(dkim, SIGNED_HEADERS);
-    feed_message(dkim, message, result);
-    if (result->status == DKIM_STAT_OK) {
-        unsigned char *value = nullptr;
-        size_t length = 0;
-        result->status = dkim_getsighdr_d(dkim, HEADER_NAME_WIDTH, &value, &length);
-        if (length != 0) result->text = signature_header(value);
-    }
-    dkim_free(dkim);
-    dkim_close(lib);
+    dk_signer one = {selector, key, DKIM_SIGN_DEFAULT};
+    dk_result *result;
+    keyseal_each(domain, &one, 1, nullptr, nullptr, message, &result);
     return result;
 }
 
@@ -220,11 +193,13 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
             results[i]->text = asprintf_safe("%s", results[0]->text);
         return;
     }
+    /* a passphrase-protected key must fail, not prompt on stderr (the chain's verdict
+     * channel) or wait for a terminal: OpenSSL asks its default UI, which answers nothing */
     UI_set_default_method(UI_null());
     if (oversign != nullptr && oversign[0] != nullptr)
         dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_OVERSIGNHDRS, (void *)oversign,
                      sizeof(oversign));
-    std::vector<DKIM *> handles(n), fed(n);
+    std::vector<DKIM *> handles(n);
     for (size_t i = 0; i < n; i++) {
         DKIM_STAT status = DKIM_STAT_OK;
         handles[i] = dkim_sign(
@@ -239,7 +214,7 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
         }
         dkim_signhdrs(handles[i], headers != nullptr ? (const char **)headers : SIGNED_HEADERS);
     }
-    fed = handles;
+    std::vector<DKIM *> fed = handles; /* the feed drops a handle the library refused */
     feed_each(fed.data(), results, n, message);
     for (size_t i = 0; i < n; i++) {
         if (handles[i] == nullptr) continue;

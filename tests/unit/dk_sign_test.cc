@@ -89,4 +89,24 @@ TEST(DkSign, Failures)
     dk_result_free(r);
 }
 
+// Two signatures in one pass: one that the library refuses at the start keeps its reason,
+// the other is made as alone.
+TEST(DkSign, EachSignerAnsweredOnItsOwn)
+{
+    const std::string k = pem_key(2048), msg = "From: a@example.com\n\nbody\n";
+    const dk_signer signers[] = {{"bad\x7f", k.c_str(), DKIM_SIGN_DEFAULT},
+                                 {"s", k.c_str(), DKIM_SIGN_DEFAULT}};
+    dk_result *r[2];
+    FILE *f = fmemopen((void *)msg.data(), msg.size(), "r");
+    keyseal_each("example.com", signers, 2, nullptr, nullptr, f, r);
+    fclose(f);
+    EXPECT_EQ(std::make_pair(r[0]->status, std::string(r[0]->text ? r[0]->text : "(none)")),
+              std::make_pair(9, std::string("Unable to initialize DKIM siginig process: "
+                                            "Invalid parameter")));
+    EXPECT_EQ(r[1]->status, 0);
+    EXPECT_NE(std::string(r[1]->text ? r[1]->text : "").find("s=s;"), std::string::npos);
+    dk_result_free(r[0]);
+    dk_result_free(r[1]);
+}
+
 } // namespace
