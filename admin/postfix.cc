@@ -94,9 +94,8 @@ Socket socket_for(const keyseal_milter::Config &c, bool chroot)
 {
     Socket s;
     std::string v = c.socket;
-    for (const char *unix_prefix : {"unix:", "local:"}) {
-        if (v.rfind(unix_prefix, 0) != 0) continue;
-        s.path = v.substr(strlen(unix_prefix));
+    s.path = c.socket_file();
+    if (!s.path.empty()) {
         s.outside = "unix:" + s.path;
         std::string queue = get("queue_directory");
         s.postfix = s.outside;
@@ -113,12 +112,11 @@ Socket socket_for(const keyseal_milter::Config &c, bool chroot)
         }
         return s;
     }
-    /* the milter's inet:PORT@HOST (no host: loopback) is Postfix's inet:HOST:PORT, with an
-     * IPv6 address in brackets */
+    /* the milter's inet:PORT@HOST is Postfix's inet:HOST:PORT, with an IPv6 address in
+     * brackets */
     size_t colon = v.find(':'), at = v.find('@');
-    bool six = v.rfind("inet6:", 0) == 0;
-    s.port = v.substr(colon + 1, at == std::string::npos ? std::string::npos : at - colon - 1);
-    s.host = at != std::string::npos ? v.substr(at + 1) : six ? "::1" : "127.0.0.1";
+    s.port = v.substr(colon + 1, at - colon - 1);
+    s.host = v.substr(at + 1);
     s.postfix = "inet:" + (s.host.find(':') != std::string::npos ? "[" + s.host + "]" : s.host) +
                 ":" + s.port;
     return s;
@@ -175,7 +173,6 @@ int connect_errno(const std::string &host, const std::string &port)
 keyseal_milter::Config milter_config()
 {
     try {
-        if (access(MILTER_CONF_PATH, F_OK) != 0) return {};
         return keyseal_milter::load(MILTER_CONF_PATH);
     } catch (const keyseal_milter::ConfigError &e) {
         throw Problem(std::string(e.what()) + ": fix it, then keyseal-milter --check-config");

@@ -153,12 +153,10 @@ struct Milter {
     {
         installed = milter_installed();
         if (!installed) return;
-        if (access(MILTER_CONF_PATH, F_OK) == 0) {
-            try {
-                config = keyseal_milter::load(MILTER_CONF_PATH);
-            } catch (const keyseal_milter::ConfigError &e) {
-                throw Problem(std::string(e.what()) + ": keyseal-milter --check-config names it");
-            }
+        try {
+            config = keyseal_milter::load(MILTER_CONF_PATH);
+        } catch (const keyseal_milter::ConfigError &e) {
+            throw Problem(std::string(e.what()) + ": keyseal-milter --check-config names it");
         }
         map_path = config.selector_map;
         std::ifstream in(map_path);
@@ -187,14 +185,10 @@ struct Milter {
         return out;
     }
 
-    /* selectors - what the domain signs with: its map line, else the default setting */
+    /* selectors - what the domain signs with, as keyseal-milter reads its settings */
     std::vector<std::string> selectors(const std::string &domain) const
     {
-        for (const auto &line : lines) {
-            auto w = words(line);
-            if (same_domain(w, domain)) return {w.begin() + 1, w.end()};
-        }
-        return config.selector;
+        return config.selectors_for(domain);
     }
 
     /* switch_selector - the domain's line with old replaced by now (a new line when the

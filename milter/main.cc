@@ -75,11 +75,8 @@ std::shared_ptr<const Config> settings()
     return current_config;
 }
 
-/* load_settings - the file, or the defaults when the default file is not there */
 std::shared_ptr<const Config> load_settings()
 {
-    if (config_path == MILTER_CONF_PATH && access(config_path.c_str(), F_OK) != 0)
-        return std::make_shared<const Config>();
     return std::make_shared<const Config>(load(config_path));
 }
 
@@ -524,14 +521,6 @@ void reload()
     halyx_log(LOG_INFO, MILTER_LOG_RELOADED, config_path.c_str());
 }
 
-/* socket_path - the file of a unix socket setting, "" for an inet one */
-std::string socket_path(const std::string &socket)
-{
-    for (const char *prefix : {"unix:", "local:"})
-        if (socket.rfind(prefix, 0) == 0) return socket.substr(strlen(prefix));
-    return "";
-}
-
 /* ended_how - a wait status in words, for the log */
 std::string ended_how(int status)
 {
@@ -567,7 +556,7 @@ std::string ended_how(int status)
             stopping = true;
             if (sigs[i] == MILTER_ENDED && milter_status != MI_SUCCESS) status = 1;
             auto s = settings();
-            std::string path = socket_path(s->socket);
+            std::string path = s->socket_file();
             if (!path.empty()) unlink(path.c_str());
             halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight.load());
             deadline = Clock::now() + std::chrono::seconds(s->timeout + POOL_KILL_GRACE + 5);
@@ -598,7 +587,7 @@ std::string ended_how(int status)
         if (stopping && (now - quiet_since >= std::chrono::seconds(1) || now >= deadline)) break;
     }
     auto s = settings();
-    std::string path = socket_path(s->socket);
+    std::string path = s->socket_file();
     if (!path.empty()) unlink(path.c_str());
     if (!s->pid_file.empty()) unlink(s->pid_file.c_str());
     halyx_log(LOG_INFO, MILTER_LOG_STOPPED);

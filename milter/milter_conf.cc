@@ -159,6 +159,13 @@ std::string Config::context(const std::string &domain) const
     return DK_CONTEXT_SELECTOR + selectors_for(domain).front();
 }
 
+std::string Config::socket_file() const
+{
+    for (const char *prefix : {"unix:", "local:"})
+        if (socket.rfind(prefix, 0) == 0) return socket.substr(strlen(prefix));
+    return "";
+}
+
 bool Config::client_allowed(const std::string &ip) const
 {
     for (const auto &n : client_networks)
@@ -189,6 +196,10 @@ Config load(const std::string &path)
     Config c;
     c.path = path;
     bool map_named = false;
+    if (path == MILTER_CONF_PATH && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        read_map(c, false);
+        return c;
+    }
     std::unique_ptr<conf_table, TableFree> t((conf_table *)calloc(1, sizeof(conf_table)));
     if (!t || conf_read_file_r(path.c_str(), t.get()) != 0)
         throw ConfigError(path + ": " + strerror(errno));

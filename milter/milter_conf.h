@@ -3,9 +3,10 @@
  * project's configuration reader ("name value" lines, '#' comments), and the per-domain
  * selector map ("DOMAIN SELECTOR [SELECTOR2]" lines).
  *
- * load() fills a Config from the file, defaults where a setting is absent; it throws
- * ConfigError ("FILE:LINE: why") for a malformed line, an unknown name or a bad value,
- * so that nothing starts (or is reloaded) on a half-read configuration.  A Config is
+ * load() fills a Config from the file, defaults where a setting is absent (and all of them
+ * when the file at MILTER_CONF_PATH is not there; a file named otherwise must exist); it
+ * throws ConfigError ("FILE:LINE: why") for a malformed line, an unknown name or a bad
+ * value, so that nothing starts (or is reloaded) on a half-read configuration.  A Config is
  * read-only once loaded and may be shared between threads.  Nothing here ends the
  * process.
  */
@@ -64,6 +65,9 @@ struct Config {
     const std::vector<std::string> &selectors_for(const std::string &domain) const;
     /* context - the handler's CONTEXT for the domain: "dkimsel=" and its first selector */
     std::string context(const std::string &domain) const;
+    /* socket_file - the file of a unix socket, "" for an inet one (whose socket always
+     * names its host: load() gives inet:PORT its loopback address) */
+    std::string socket_file() const;
     /* client_allowed - an inet peer's address is inside clients */
     bool client_allowed(const std::string &ip) const;
     /* settings - the effective settings as "name value" lines, as --check-config prints */

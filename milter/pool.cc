@@ -240,7 +240,8 @@ struct Pool {
                     w->termed ? "the handler ran past the time limit of " +
                                     std::to_string(w->job.timeout) + " s and was killed"
                     : WIFSIGNALED(status)
-                        ? std::string("the handler was killed by SIG") + sigabbrev_np(WTERMSIG(status))
+                        ? std::string("the handler was killed by SIG") +
+                              sigabbrev_np(WTERMSIG(status))
                         : "the handler ended with status " + std::to_string(WEXITSTATUS(status));
                 Result r = retryable(why);
                 w->job.finish(&r);
