@@ -106,6 +106,12 @@ bool valid_name(const std::string &name);
 std::vector<std::pair<std::string, std::string>> all_keys();
 Nameservers parse_nameservers(const std::string &list);
 std::string errno_text(const std::string &path);
+/* replace_file - text as path's whole content, through a temporary copy, fsync and a rename
+ * (edit_file_safe): an existing file keeps its owner and mode, a new one is 0644.  0, or
+ * -1 with errno */
+int replace_file(const std::string &path, const std::string &text);
+/* file_stamp - the local time as YYYYMMDDTHHMMSS, for the names of kept copies */
+std::string file_stamp();
 /* key_path - the handler's key path for domain and selector */
 std::string key_path(const std::string &domain, const std::string &selector);
 

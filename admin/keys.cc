@@ -99,10 +99,7 @@ std::string keep_aside(const std::string &dir, const std::string &selector, cons
 {
     std::string path = dir + "/" + selector;
     if (access(path.c_str(), F_OK) != 0) return "";
-    char stamp[32];
-    time_t now = time(nullptr);
-    strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
-    std::string base = dir + "/." + selector + "." + what + "-" + stamp, kept = base;
+    std::string base = dir + "/." + selector + "." + what + "-" + file_stamp(), kept = base;
     for (int n = 1; link(path.c_str(), kept.c_str()) != 0; n++) {
         if (errno != EEXIST || n > 99)
             throw Problem("cannot keep the key as " + errno_text(kept) + "; nothing was changed");

@@ -1,12 +1,15 @@
 #include "admin/admin.h"
 
 #include "dkim/dk_key.h"
+#include "util/file_utils.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
+#include <ctime>
 #include <sstream>
 
 namespace keyseal_admin
@@ -68,6 +71,29 @@ std::string key_path(const std::string &domain, const std::string &selector)
     std::string path = p;
     free(p);
     return path;
+}
+
+/* write_text - edit_file_safe's editor: the text, on the disk before the rename */
+static int write_text(FILE *, FILE *out, void *data)
+{
+    const std::string &text = *static_cast<const std::string *>(data);
+    if (fwrite(text.data(), 1, text.size(), out) != text.size() || fflush(out) != 0 ||
+        fsync(fileno(out)) != 0)
+        return -1;
+    return 0;
+}
+
+int replace_file(const std::string &path, const std::string &text)
+{
+    return edit_file_safe(path.c_str(), write_text, const_cast<std::string *>(&text), 0);
+}
+
+std::string file_stamp()
+{
+    char stamp[32];
+    time_t now = time(nullptr);
+    strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
+    return stamp;
 }
 
 } // namespace keyseal_admin

@@ -318,33 +318,26 @@ Record read_record(const std::string &path)
 
 void write_record(const std::string &path, const Record &r)
 {
-    std::string tmp = path + ".new";
-    {
-        std::ofstream out(tmp, std::ios::trunc);
-        out << "# keyseal-admin postfix setup: each setting it changed, the value it wrote and "
-               "what was there before;\n# keyseal-admin postfix remove undoes what still has "
-               "setup's value\n";
-        for (const auto &[name, c] : r)
-            out << name << '\t' << c.wrote << '\t' << (c.absent ? "absent" : "was\t" + c.before)
-                << '\n';
-        if (!out.flush())
-            throw Problem("cannot write " + tmp + ": " + strerror(errno) +
-                          "; postfix remove will leave setup's settings in place");
-    }
-    if (rename(tmp.c_str(), path.c_str()) != 0)
-        throw Problem("cannot write " + path + ": " + strerror(errno));
+    std::ostringstream out;
+    out << "# keyseal-admin postfix setup: each setting it changed, the value it wrote and "
+           "what was there before;\n# keyseal-admin postfix remove undoes what still has "
+           "setup's value\n";
+    for (const auto &[name, c] : r)
+        out << name << '\t' << c.wrote << '\t' << (c.absent ? "absent" : "was\t" + c.before)
+            << '\n';
+    if (replace_file(path, out.str()) != 0)
+        throw Problem("cannot write " + path + ": " + strerror(errno) +
+                      "; postfix remove will leave setup's settings in place");
 }
 
 /* copy_configuration - main.cf and master.cf copied to NAME.keyseal-STAMP (a counter added
  * within one second); the pairs beyond the newest COPIES_KEPT removed.  The copies made. */
 std::vector<std::string> copy_configuration(const std::string &dir)
 {
-    char stamp[32];
-    time_t now = time(nullptr);
-    strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
+    const std::string stamp = file_stamp();
     std::string suffix = stamp;
     for (int n = 2; std::filesystem::exists(dir + "/main.cf" + COPY_STEM + suffix) && n < 10; n++)
-        suffix = std::string(stamp) + "." + std::to_string(n);
+        suffix = stamp + "." + std::to_string(n);
     std::vector<std::string> kept;
     for (const char *file : {"main.cf", "master.cf"}) {
         std::string from = dir + "/" + file, to = from + COPY_STEM + suffix;

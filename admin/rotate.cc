@@ -107,28 +107,8 @@ struct State {
             << "\nstarted " << time_text(started) << "\n";
         if (switched != -1) out << "switched " << time_text(switched) << "\n";
         if (retired != -1) out << "retired " << time_text(retired) << "\n";
-        replace_file(path(), out.str(), 0644);
-    }
-
-    /* replace_file - text into path through a temporary file and a rename; an existing
-     * file's owner and mode are kept */
-    static void replace_file(const std::string &path, const std::string &text, mode_t mode)
-    {
-        struct stat st;
-        bool had = stat(path.c_str(), &st) == 0;
-        std::string tmp = path.substr(0, path.rfind('/') + 1) + ".rotate.XXXXXX";
-        int fd = mkstemp(tmp.data());
-        if (fd < 0) throw Problem("cannot create a file in " + errno_text(tmp));
-        bool ok = fchmod(fd, had ? st.st_mode & 07777 : mode) == 0 &&
-                  (!had || fchown(fd, st.st_uid, st.st_gid) == 0) &&
-                  ::write(fd, text.data(), text.size()) == (ssize_t)text.size() && fsync(fd) == 0;
-        int err = errno;
-        ok = close(fd) == 0 && ok;
-        if (ok && rename(tmp.c_str(), path.c_str()) == 0) return;
-        err = errno != 0 ? errno : err;
-        unlink(tmp.c_str());
-        errno = err;
-        throw Problem("cannot write " + errno_text(path));
+        if (replace_file(path(), out.str()) != 0)
+            throw Problem("cannot write " + errno_text(path()));
     }
 };
 
@@ -212,7 +192,8 @@ struct Milter {
         std::string text;
         for (const auto &l : lines)
             text += l + "\n";
-        State::replace_file(map_path, text, 0644);
+        if (replace_file(map_path, text) != 0)
+            throw Problem("cannot write " + errno_text(map_path));
     }
 
     /* reload - keyseal-milter told to read its map again: "" when done, else why not */
