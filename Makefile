@@ -24,7 +24,7 @@ MAKEFLAGS += --no-print-directory
 # zlib and zstd: Debian 13's libcrypto names them in its static link line
 DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-dev libboost-dev libdb-dev libbsd-dev \
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
-	python3 python3-dkim python3-nacl python3-dnspython python3-pytest libcli11-dev libmail-dkim-perl \
+	python3 python3-dkim python3-nacl python3-cryptography python3-dnspython python3-pytest libcli11-dev libmail-dkim-perl \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog \
 	libmilter-dev libpsl-dev publicsuffix postfix sasl2-bin libsasl2-modules systemd
 TEST_SERVERS = nsd rsyslog postfix opendkim rspamd
