@@ -10,7 +10,12 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
+
+#include "milter/milter_log.h"
+#include "util/halyx_log.h"
 
 namespace keyseal_milter
 {
@@ -44,7 +49,7 @@ std::shared_ptr<Helper::Channel> Helper::channel() const
     return channel_;
 }
 
-pid_t Helper::start(int &pidfd)
+pid_t Helper::spawn(int &pidfd)
 {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return -1;
@@ -69,6 +74,31 @@ pid_t Helper::start(int &pidfd)
     std::lock_guard<std::mutex> lock(mutex_);
     channel_ = fresh;
     return pid;
+}
+
+int Helper::start()
+{
+    pid_ = spawn(pidfd_);
+    if (pid_ < 0 || pidfd_ < 0) return -1;
+    return 0;
+}
+
+int Helper::ended()
+{
+    int st = 0;
+    waitpid(pid_, &st, 0);
+    close(pidfd_);
+    pidfd_ = -1;
+    std::string how = WIFSIGNALED(st) ? std::string("killed by SIG") + sigabbrev_np(WTERMSIG(st))
+                                      : "exit status " + std::to_string(WEXITSTATUS(st));
+    halyx_log(LOG_ERR, MILTER_LOG_HELPER_ENDED, (int)pid_, how.c_str());
+    return 0;
+}
+
+int Helper::restart()
+{
+    restarts_++;
+    return start();
 }
 
 Result Helper::run(const Job &job, int message_fd, const Limits &limits)

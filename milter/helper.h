@@ -26,12 +26,23 @@ namespace keyseal_milter
 class Helper
 {
   public:
-    /* start - a new helper; its pid and a descriptor that polls readable when it ends
-     * (a pidfd), or -1 with errno */
-    pid_t start(int &pidfd);
+    /* start - the first helper: 0, or -1 with errno */
+    int start();
+    /* pidfd - polls readable once the running helper has ended; -1 while none runs */
+    int pidfd() const { return pidfd_; }
+    /* ended - pidfd() polled readable: the helper reaped, its end logged; the milliseconds
+     * to wait before restart() */
+    int ended();
+    /* restart - a new helper after ended(): as start() */
+    int restart();
+    unsigned restarts() const { return restarts_; }
     Result run(const Job &job, int message_fd, const Limits &limits);
 
   private:
+    pid_t spawn(int &pidfd);
+    pid_t pid_ = -1;
+    int pidfd_ = -1;
+    unsigned restarts_ = 0;
     struct Channel; /* one helper's request socket, shared by the jobs that use it */
     std::shared_ptr<Channel> channel() const;
     mutable std::mutex mutex_;

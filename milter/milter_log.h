@@ -32,6 +32,12 @@
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
 /* pid, how it ended */
 #define MILTER_LOG_HELPER_ENDED "the signing helper (pid %d) ended (%s); starting a new one"
+/* libmilter's status */
+#define MILTER_LOG_LIBRARY_ENDED                                                                   \
+    "the milter library's loop ended by itself (status %d); exiting so that the service restarts"
+/* why */
+#define MILTER_LOG_HELPER_FAILED                                                                   \
+    "cannot start a new signing helper: %s; exiting so that the service restarts"
 #define MILTER_LOG_RELOADED "reloaded %s"
 /* "FILE:LINE: why" */
 #define MILTER_LOG_RELOAD_FAILED "%s; keeping the running settings"

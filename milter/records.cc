@@ -1,5 +1,7 @@
 #include "milter/records.h"
 
+#include "milter/pool.h"
+
 namespace keyseal_milter
 {
 
@@ -72,6 +74,11 @@ struct Reader {
 };
 
 } // namespace
+
+uint32_t answer_deadline(uint32_t timeout)
+{
+    return timeout + POOL_KILL_GRACE + 5;
+}
 
 Result retryable(const std::string &why)
 {

@@ -59,6 +59,10 @@ struct Limits {
     bool operator==(const Limits &) const = default;
 };
 
+/* answer_deadline - seconds the milter waits for a job's answer: the time limit, the kill
+ * grace, and a little; past that the helper is not answering at all */
+uint32_t answer_deadline(uint32_t timeout);
+
 /* retryable - a failed Result that a later try may cure, saying why */
 Result retryable(const std::string &why);
 

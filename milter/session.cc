@@ -1,0 +1,399 @@
+#include "milter/session.h"
+
+#include "milter/align.h"
+#include "milter/client_filter.h"
+#include "milter/helper.h"
+#include "milter/milter_log.h"
+#include "milter/supervisor.h"
+#include "milter/verdict.h"
+
+#include "dkim/dk_key.h"
+#include "dkim/dk_policy.h"
+#include "mailhandler/mh_handler.h"
+#include "util/file_utils.h"
+#include "util/halyx_log.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <strings.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace keyseal_milter
+{
+
+namespace
+{
+
+const Settings *settings_ = nullptr;
+Helper *helper_ = nullptr;
+std::atomic<int> in_flight_{0};
+
+/* Stages whose answer is always "continue" until the end of the message: the server is
+ * told not to wait for it, and stages the milter has no use for are not sent at all.
+ * Each answer saved is a round trip between the server's process and a milter thread. */
+constexpr unsigned long NO_REPLY =
+    SMFIP_NR_CONN | SMFIP_NR_MAIL | SMFIP_NR_RCPT | SMFIP_NR_HDR | SMFIP_NR_EOH | SMFIP_NR_BODY;
+constexpr unsigned long NOT_SENT = SMFIP_NOHELO | SMFIP_NOUNKNOWN | SMFIP_NODATA;
+
+/* Most mail is small: it is kept in the session's memory and written to a memory file in
+ * one piece at its end.  One that outgrows this goes to a nameless disk file as it comes,
+ * so that a large message costs no more memory than this. */
+constexpr size_t IN_MEMORY_MAX = 64 * 1024;
+
+struct Session {
+    unsigned long no_reply = 0; /* the NO_REPLY stages this server agreed to */
+    std::string client;         /* the SMTP client's address, "" when unknown */
+    bool local = false;         /* {daemon_name} at connect was the local mark */
+    /* the message in progress */
+    std::shared_ptr<const Config> config; /* the settings it began with */
+    bool in_message = false;
+    std::string sender, domain, auth, queue_id;
+    bool not_host = false; /* the sender's domain is no host name: not for the handler */
+    std::vector<std::string> rcpts;
+    std::vector<std::string> signatures; /* the DKIM-Signature headers as kept, in order */
+    std::vector<std::string> from;       /* the From: addresses' domains ("": none) */
+    bool keep = false;                   /* the message is kept for the handler */
+    std::string kept;                    /* ... in memory, while fd < 0 */
+    int fd = -1;                         /* ... or in this disk file */
+    int write_errno = 0;                 /* not 0: the message could not be kept, for this reason */
+
+    void reset_message()
+    {
+        if (fd >= 0) close(fd);
+        fd = -1;
+        keep = false;
+        kept.clear();
+        write_errno = 0;
+        not_host = false;
+        config.reset();
+        sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
+        signatures.clear(), from.clear();
+        if (in_message) in_flight_--;
+        in_message = false;
+    }
+    ~Session() { reset_message(); }
+
+    /* go - "continue" for a stage, without an answer where the server agreed to that */
+    sfsistat go(unsigned long stage) const
+    {
+        return no_reply & stage ? SMFIS_NOREPLY : SMFIS_CONTINUE;
+    }
+};
+
+Session *session(SMFICTX *ctx)
+{
+    return static_cast<Session *>(smfi_getpriv(ctx));
+}
+
+std::string macro(SMFICTX *ctx, const char *name)
+{
+    const char *v = smfi_getsymval(ctx, (char *)name);
+    return v != nullptr ? v : "";
+}
+
+/* address - an envelope address without the angle brackets the milter protocol keeps */
+std::string address(const char *arg)
+{
+    std::string a = arg != nullptr ? arg : "";
+    return a.size() >= 2 && a.front() == '<' && a.back() == '>' ? a.substr(1, a.size() - 2) : a;
+}
+
+/* disk_file - a nameless temporary file: nothing is left behind, however we end */
+int disk_file()
+{
+    const char *dir = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp";
+    int fd = open(dir, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR)) return fd;
+    std::string path = std::string(dir) + "/keyseal-milter.XXXXXX";
+    fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd >= 0) unlink(path.c_str());
+    return fd;
+}
+
+/* flush - what is kept in memory into the file fd; 0 or an errno */
+int flush(Session *s, int fd)
+{
+    if (write_all(fd, s->kept.data(), s->kept.size()) != 0) return errno;
+    s->kept.clear();
+    s->kept.shrink_to_fit();
+    return 0;
+}
+
+void append(Session *s, const char *data, size_t length)
+{
+    if (!s->keep || s->write_errno != 0) return;
+    if (s->fd < 0 && s->kept.size() + length > IN_MEMORY_MAX) {
+        s->fd = disk_file();
+        s->write_errno = s->fd < 0 ? errno : flush(s, s->fd);
+    }
+    if (s->write_errno != 0) return;
+    if (s->fd >= 0) {
+        if (write_all(s->fd, data, length) != 0) s->write_errno = errno;
+    } else
+        s->kept.append(data, length);
+}
+
+/* message_file - the message in a file for the handler: the disk file, or a memory file
+ * holding what was kept; -1 with errno */
+int message_file(Session *s)
+{
+    if (s->fd >= 0) return s->fd;
+    int fd = memfd_create("keyseal-milter message", MFD_CLOEXEC);
+    if (fd < 0) fd = disk_file();
+    if (fd < 0) return -1;
+    if (int err = flush(s, fd); err != 0) {
+        close(fd);
+        return errno = err, -1;
+    }
+    return s->fd = fd;
+}
+
+sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned long,
+                      unsigned long, unsigned long *pf0, unsigned long *pf1, unsigned long *pf2,
+                      unsigned long *pf3)
+{
+    *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS);
+    /* header values exactly as they stand, leading space included: the handler signs
+     * what the receiver will see */
+    *pf1 = f1 & (SMFIP_HDR_LEADSPC | SMFIP_SKIP | NOT_SENT);
+    *pf2 = *pf3 = 0;
+    /* the session is made here, so that it knows which answers the server waits for; without
+     * one, every stage answers and a message the milter cannot follow is refused at its end */
+    auto *s = new (std::nothrow) Session;
+    if (s != nullptr) {
+        s->no_reply = f1 & NO_REPLY;
+        *pf1 |= s->no_reply;
+        smfi_setpriv(ctx, s);
+    }
+    /* the macros the policy needs, whatever the site set in its *_macros parameters */
+    smfi_setsymlist(ctx, SMFIM_CONNECT, (char *)"{daemon_name}");
+    smfi_setsymlist(ctx, SMFIM_ENVFROM, (char *)"i {auth_authen}");
+    smfi_setsymlist(ctx, SMFIM_EOM, (char *)"i");
+    return SMFIS_CONTINUE;
+}
+
+sfsistat on_connect(SMFICTX *ctx, char *, _SOCK_ADDR *addr)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_TEMPFAIL;
+    /* {daemon_name} is read here: later stages may carry cleanup's value instead */
+    s->local = macro(ctx, "{daemon_name}") == MILTER_LOCAL_MARK;
+    /* the address from the connect call: {client_addr} is not among the default macros */
+    s->client = address_text(addr);
+    return s->go(SMFIP_NR_CONN);
+}
+
+sfsistat on_envfrom(SMFICTX *ctx, char **argv)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_TEMPFAIL;
+    s->reset_message();
+    s->in_message = true;
+    in_flight_++;
+    s->config = settings_->get();
+    s->sender = address(argv[0]);
+    s->auth = macro(ctx, "{auth_authen}");
+    s->queue_id = macro(ctx, "i");
+    if (s->sender.empty()) return s->go(SMFIP_NR_MAIL);
+    /* the domain as the mail server compares it; one that is no host name could name a
+     * key path anywhere, and is no domain a key was made for */
+    char *domain = dk_domain_canonical(mh_from_domain(s->sender.c_str()));
+    s->not_host = domain == nullptr;
+    s->domain = domain != nullptr ? domain : "";
+    free(domain);
+    s->keep = !s->not_host;
+    return s->go(SMFIP_NR_MAIL);
+}
+
+sfsistat on_envrcpt(SMFICTX *ctx, char **argv)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_CONTINUE;
+    s->rcpts.push_back(address(argv[0]));
+    return s->go(SMFIP_NR_RCPT);
+}
+
+sfsistat on_header(SMFICTX *ctx, char *name, char *value)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_CONTINUE;
+    if (!s->keep) return s->go(SMFIP_NR_HDR);
+    /* folded values come with bare LF line breaks; the message is CR LF throughout */
+    std::string line = std::string(name) + ":";
+    line.reserve(line.size() + strlen(value) + 2);
+    for (const char *p = value; *p != '\0'; p++) {
+        if (*p == '\n' && (p == value || p[-1] != '\r')) line += '\r';
+        line += *p;
+    }
+    line += "\r\n";
+    append(s, line.data(), line.size());
+    /* the mail server numbers a header among those of its name, in any letter case */
+    if (strcasecmp(name, "DKIM-Signature") == 0) s->signatures.push_back(line);
+    if (strcasecmp(name, "From") == 0)
+        for (std::string &d : from_domains(value))
+            s->from.push_back(std::move(d));
+    return s->go(SMFIP_NR_HDR);
+}
+
+sfsistat on_eoh(SMFICTX *ctx)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_CONTINUE;
+    append(s, "\r\n", 2);
+    return s->go(SMFIP_NR_EOH);
+}
+
+sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_CONTINUE;
+    append(s, (const char *)chunk, length);
+    return s->go(SMFIP_NR_BODY);
+}
+
+/* carry_out - the plan on the message as the mail server holds it, its lines logged; an
+ * edit the server refuses makes it a message not signed */
+sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const Plan &plan)
+{
+    const char *failed = nullptr;
+    for (uint32_t place : plan.deletions)
+        if (failed == nullptr &&
+            smfi_chgheader(ctx, (char *)"DKIM-Signature", (int)place, nullptr) != MI_SUCCESS)
+            failed = "the mail server refused to remove an old signature";
+    for (const std::string &value : plan.insertions)
+        if (failed == nullptr &&
+            smfi_insheader(ctx, 0, (char *)"DKIM-Signature", (char *)value.c_str()) != MI_SUCCESS)
+            failed = "the mail server refused the new signature header";
+    if (failed != nullptr)
+        return carry_out(ctx, s, id, not_signed(id, failed, true, s.config->strict));
+    for (const LogLine &l : plan.log)
+        halyx_log(l.level, "%s", l.text.c_str());
+    if (plan.disposition == Disposition::TEMPFAIL) {
+        smfi_setreply(ctx, (char *)VERDICT_REPLY_CODE, (char *)VERDICT_REPLY_STATUS,
+                      (char *)VERDICT_REPLY_TEXT);
+        return SMFIS_TEMPFAIL;
+    }
+    return SMFIS_CONTINUE;
+}
+
+/* signing_domain - the envelope sender's domain; with signing_domain header, the single
+ * From: address's domain instead where it has a key */
+std::string signing_domain(const Session &s)
+{
+    const Config &c = *s.config;
+    if (c.signing_domain != SigningDomain::HEADER || s.from.size() != 1 || s.from[0].empty())
+        return s.domain;
+    const std::string &d = s.from[0];
+    char *path = dk_key_path(d.c_str(), c.selectors_for(d).front().c_str());
+    struct stat st;
+    bool key = stat(path, &st) == 0;
+    free(path);
+    return key ? d : s.domain;
+}
+
+/* check_alignment - a warning when the signature will not count for the From: domain */
+void check_alignment(const Session &s, const std::string &id, const std::string &d)
+{
+    if (s.from.empty())
+        halyx_log(LOG_WARNING, MILTER_LOG_NO_FROM, id.c_str(), d.c_str());
+    else if (s.from.size() > 1)
+        halyx_log(LOG_WARNING, MILTER_LOG_MANY_FROM, id.c_str(), d.c_str(), (int)s.from.size());
+    else if (!aligned(d, s.from[0]))
+        halyx_log(LOG_WARNING, MILTER_LOG_MISALIGNED, id.c_str(), d.c_str(),
+                  s.from[0].empty() ? "no domain" : s.from[0].c_str());
+}
+
+/* job_for - the handler's arguments and environment for the session's message */
+Job job_for(const Session &s, const std::string &id)
+{
+    const Config &c = *s.config;
+    Job job;
+    job.queue_id = id;
+    job.from = s.sender;
+    job.domain = signing_domain(s);
+    job.context = c.context(job.domain);
+    job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
+    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE);
+    if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
+    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_CLIENT "=" + s.client);
+    job.selectors = c.selectors_for(job.domain);
+    job.headers = c.headers;
+    job.oversign = c.oversign;
+    return job;
+}
+
+sfsistat on_eom(SMFICTX *ctx)
+{
+    Session *s = session(ctx);
+    if (s == nullptr) return SMFIS_TEMPFAIL;
+    std::string id = macro(ctx, "i");
+    if (id.empty()) id = s->queue_id.empty() ? "NOQUEUE" : s->queue_id;
+    sfsistat answer = SMFIS_CONTINUE;
+    bool strict = s->config->strict;
+    if (s->sender.empty()) {
+        halyx_log(LOG_INFO, MILTER_LOG_NULL_SENDER, id.c_str());
+    } else if (s->not_host) {
+        halyx_log(LOG_INFO, MILTER_LOG_NOT_HOST, id.c_str(), mh_from_domain(s->sender.c_str()));
+    } else if (s->write_errno != 0 || message_file(s) < 0) {
+        int err = s->write_errno != 0 ? s->write_errno : errno;
+        std::string why = std::string("cannot spool the message for the handler: ") + strerror(err);
+        answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict));
+    } else {
+        const Config &c = *s->config;
+        Job job = job_for(*s, id);
+        Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
+        answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict));
+        if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED)
+            check_alignment(*s, id, job.domain);
+    }
+    s->reset_message();
+    return answer;
+}
+
+sfsistat on_abort(SMFICTX *ctx)
+{
+    if (Session *s = session(ctx)) s->reset_message();
+    return SMFIS_CONTINUE;
+}
+
+sfsistat on_close(SMFICTX *ctx)
+{
+    delete session(ctx);
+    smfi_setpriv(ctx, nullptr);
+    return SMFIS_CONTINUE;
+}
+
+} // namespace
+
+void session_register(smfiDesc &desc, const Settings &settings, Helper &helper)
+{
+    settings_ = &settings;
+    helper_ = &helper;
+    desc.xxfi_name = (char *)"keyseal";
+    desc.xxfi_version = SMFI_VERSION;
+    desc.xxfi_flags = SMFIF_ADDHDRS | SMFIF_CHGHDRS;
+    desc.xxfi_connect = on_connect;
+    desc.xxfi_envfrom = on_envfrom;
+    desc.xxfi_envrcpt = on_envrcpt;
+    desc.xxfi_header = on_header;
+    desc.xxfi_eoh = on_eoh;
+    desc.xxfi_body = on_body;
+    desc.xxfi_eom = on_eom;
+    desc.xxfi_abort = on_abort;
+    desc.xxfi_close = on_close;
+    desc.xxfi_negotiate = on_negotiate;
+}
+
+int in_flight()
+{
+    return in_flight_.load();
+}
+
+} // namespace keyseal_milter
