@@ -228,3 +228,26 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
     }
     dkim_close(lib);
 }
+
+size_t dk_sign_canonical_length(const char *field, size_t length)
+{
+    const char *colon = (const char *)memchr(field, ':', length);
+    if (colon == nullptr) return length + 2;
+    size_t name = (size_t)(colon - field);
+    while (name > 0 && (field[name - 1] == ' ' || field[name - 1] == '\t'))
+        name--;
+    /* the value unfolded, each run of blanks one space, none at either end */
+    size_t value = 0;
+    bool blank = false;
+    for (const char *p = colon + 1; p < field + length; p++) {
+        if (*p == '\r' || *p == '\n') continue;
+        if (*p == ' ' || *p == '\t') {
+            blank = true;
+            continue;
+        }
+        if (blank && value > 0) value++;
+        blank = false;
+        value++;
+    }
+    return name + 1 + value + 2;
+}

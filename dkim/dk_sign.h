@@ -64,6 +64,14 @@ int dk_sign_key_failure(int32_t status);
 dk_result *dk_result_init(void);
 void dk_result_free(dk_result *result);
 
+/* The longest header field, in relaxed canonical form with its CRLF, that the library
+ * hashes whole: a longer signed field is hashed cut short, and no receiver can verify the
+ * signature */
+#define DK_SIGN_FIELD_MAX 65534
+/* dk_sign_canonical_length - the relaxed canonical length of one header field ("Name:value",
+ * folds included, a last line end or none), its CRLF included */
+size_t dk_sign_canonical_length(const char *field, size_t length);
+
 #ifdef __cplusplus
 }
 #endif

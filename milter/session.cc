@@ -9,6 +9,7 @@
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_policy.h"
+#include "dkim/dk_sign.h"
 #include "mailhandler/mh_handler.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
@@ -63,6 +64,7 @@ struct Session {
     std::string kept;                    /* ... in memory, while fd < 0 */
     int fd = -1;                         /* ... or in this disk file */
     int write_errno = 0;                 /* not 0: the message could not be kept, for this reason */
+    std::string unsignable;              /* why a signature of this message could never verify */
 
     void reset_message()
     {
@@ -71,6 +73,7 @@ struct Session {
         keep = false;
         kept.clear();
         write_errno = 0;
+        unsignable.clear();
         not_host = false;
         config.reset();
         sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
@@ -220,6 +223,14 @@ sfsistat on_envrcpt(SMFICTX *ctx, char **argv)
     return s->go(SMFIP_NR_RCPT);
 }
 
+/* signed_field - the header is among those the settings sign */
+bool signed_field(const Config &c, const char *name)
+{
+    for (const std::string &h : c.headers)
+        if (strcasecmp(h.c_str(), name) == 0) return true;
+    return false;
+}
+
 sfsistat on_header(SMFICTX *ctx, char *name, char *value)
 {
     Session *s = session(ctx);
@@ -239,6 +250,13 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     if (strcasecmp(name, "From") == 0)
         for (std::string &d : from_domains(value))
             s->from.push_back(std::move(d));
+    if (s->unsignable.empty() && signed_field(*s->config, name)) {
+        size_t n = dk_sign_canonical_length(line.data(), line.size());
+        if (n > DK_SIGN_FIELD_MAX)
+            s->unsignable = std::string("its ") + name + ": header is " + std::to_string(n) +
+                            " bytes unfolded, more than the signer hashes whole (" +
+                            std::to_string(DK_SIGN_FIELD_MAX) + ")";
+    }
     return s->go(SMFIP_NR_HDR);
 }
 
@@ -341,6 +359,8 @@ sfsistat on_eom(SMFICTX *ctx)
         halyx_log(LOG_INFO, MILTER_LOG_NULL_SENDER, id.c_str());
     } else if (s->not_host) {
         halyx_log(LOG_INFO, MILTER_LOG_NOT_HOST, id.c_str(), mh_from_domain(s->sender.c_str()));
+    } else if (!s->unsignable.empty()) {
+        answer = carry_out(ctx, *s, id, not_signed(id, s->unsignable, false, strict));
     } else if (s->write_errno != 0 || message_file(s) < 0) {
         int err = s->write_errno != 0 ? s->write_errno : errno;
         std::string why = std::string("cannot spool the message for the handler: ") + strerror(err);

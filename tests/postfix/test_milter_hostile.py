@@ -440,3 +440,46 @@ def test_strict_tempfails_only_what_a_retry_can_cure(lab, start, sender, extra, 
     else:
         unchanged(answer)
     lab.log(until=rf"keyseal-milter\[\d+\]: {qid}: not signed: .+; {why}")
+
+
+
+def folded_header(size, name=b"X-Long"):
+    """A header of size bytes (line ends included), folded as a mailing list's would be."""
+    h = name + b": start"
+    while len(h) < size - 40:
+        h += b",\r\n\tsomeone.%06d@example.net" % len(h)
+    return h + b"x" * (size - 2 - len(h)) + b"\r\n"
+
+
+def one_line(canonical, name=b"To"):
+    """A header on one line whose relaxed canonical form is canonical bytes, CRLF included."""
+    return name + b": bob@example.net" + b"x" * (canonical - len(name + b":bob@example.net\r\n")) + b"\r\n"
+
+
+@pytest.mark.parametrize("header,way,signs", [
+    # libmilter's own packet limit is 64 KB; Postfix takes a header up to header_size_limit
+    (folded_header(93_000), "postfix", True),
+    (folded_header(93_000), "client", True),       # not a signed field: any length signs
+    (folded_header(64_797, b"To"), "client", True),
+    (folded_header(93_000, b"To"), "client", False),  # the signer would hash it cut short
+    (one_line(65_534), "client", True),
+    (one_line(65_535), "client", False),
+], ids=["x-93k-postfix", "x-93k", "to-64k", "to-93k", "to-at-limit", "to-past-limit"])
+def test_a_header_as_long_as_postfix_takes(lab, start, header, way, signs):
+    if way == "postfix":
+        sent = message(len(header), extra=header)
+        got, qid = deliver(lab, smtp, sent, login=(AUTH, "secret"))
+        assert got.endswith(b"\r\n\r\n" + sent.split(b"\r\n\r\n", 1)[1])
+        assert len(signatures(got)) == 1 and verifies(got), qid
+        return
+    start("strict yes\n")
+    qid = next_id()
+    data = b"From: Ann <ann@example.com>\r\n" + header + (b"" if header.startswith(b"To") else b"To: b@example.net\r\n") + \
+        b"Subject: long\r\nMessage-ID: <%s@example.com>\r\n\r\nbody\r\n" % qid.encode()
+    _, _, answer = send(data=data, qid=qid)
+    if signs:
+        signed(data, answer)
+        return
+    unchanged(answer)  # even under strict: it would fail the same way every time
+    lab.log(until=rf"keyseal-milter\[\d+\]: {qid}: not signed: its To: header is \d+ bytes unfolded, "
+            r"more than the signer hashes whole \(65534\); a retry would fail the same way")

@@ -110,3 +110,20 @@ TEST(DkSign, EachSignerAnsweredOnItsOwn)
 }
 
 } // namespace
+
+// The length the signer hashes a header field at: relaxed canonical form, CRLF included.
+TEST(DkSign, CanonicalFieldLength)
+{
+    const struct {
+        const char *field;
+        size_t want;
+    } cases[] = {
+        {"To: bob@example.net\r\n", strlen("to:bob@example.net\r\n")},
+        {"To:bob@example.net", strlen("to:bob@example.net\r\n")},
+        {"Subject \t: a  \t b\r\n\t c \r\n", strlen("subject:a b c\r\n")},
+        {"X:\r\n\t\r\n ", strlen("x:\r\n")},
+        {"no colon", strlen("no colon\r\n")},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(dk_sign_canonical_length(c.field, strlen(c.field)), c.want) << c.field;
+}
