@@ -4,6 +4,9 @@
 #include "milter/supervisor.h"
 #include "util/halyx_log.h"
 
+#include <libmilter/mfapi.h>
+#include <libmilter/mfdef.h>
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
@@ -21,6 +24,55 @@ namespace
 {
 std::atomic<const Settings *> bound{nullptr};
 std::atomic<bool> closed{false};
+
+/* Peer - what has been read so far of one connection's packets: a length and a command
+ * byte, then length - 1 bytes of data.  libmilter reads each part with its exact size. */
+struct Peer {
+    bool tracked = false;
+    unsigned char head[5] = {};
+    unsigned have = 0; /* bytes of the head read */
+    uint32_t need = 0; /* bytes of the data still to come */
+    char command = 0;
+    uint32_t at = 0;   /* data bytes read */
+    uint32_t nuls = 0; /* NULs after the data's first byte */
+    char last = 0;
+};
+constexpr int PEERS = 65536; /* descriptors beyond this are passed unexamined */
+Peer peers[PEERS];
+
+/* well_formed - one more piece of a peer's stream read: false once a macro packet ended
+ * that libmilter would take apart unsafely.  Its data is the stage's letter, then names and
+ * values, each ended by a NUL: an odd number of them, or a last one without its NUL, makes
+ * the library's macro lookup read past the end of its list. */
+bool well_formed(Peer &p, const char *data, size_t n)
+{
+    for (size_t i = 0; i < n;) {
+        if (p.need == 0) {
+            p.head[p.have++] = (unsigned char)data[i++];
+            if (p.have < sizeof(p.head)) continue;
+            uint32_t length = (uint32_t)p.head[0] << 24 | (uint32_t)p.head[1] << 16 |
+                              (uint32_t)p.head[2] << 8 | p.head[3];
+            p.have = 0;
+            p.command = (char)p.head[4];
+            p.need = length > 0 ? length - 1 : 0;
+            p.at = p.nuls = 0;
+            p.last = 0;
+            continue;
+        }
+        size_t take = std::min<size_t>(p.need, n - i);
+        if (p.command == SMFIC_MACRO)
+            for (size_t k = i; k < i + take; k++, p.at++) {
+                if (p.at > 0 && data[k] == '\0') p.nuls++;
+                p.last = data[k];
+            }
+        p.need -= (uint32_t)take;
+        i += take;
+        if (p.need == 0 && p.command == SMFIC_MACRO && p.at > 1 &&
+            (p.last != '\0' || p.nuls % 2 != 0))
+            return false;
+    }
+    return true;
+}
 } // namespace
 
 void client_filter_bind(const Settings *settings)
@@ -74,5 +126,37 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
         memcpy(addr, &peer, std::min<socklen_t>(*len, peer_len));
         *len = peer_len;
     }
+    if (conn < PEERS) {
+        peers[conn] = Peer();
+        peers[conn].tracked = true;
+    }
     return conn;
+}
+
+/* read - the one libmilter reads its connections with: a connection that sends what the
+ * library cannot take apart safely is ended here, as if its peer had reset it */
+extern "C" ssize_t read(int fd, void *buf, size_t count)
+{
+    ssize_t n = syscall(SYS_read, fd, buf, count);
+    if (n <= 0 || fd < 0 || fd >= PEERS || !peers[fd].tracked) return n;
+    if (well_formed(peers[fd], (const char *)buf, (size_t)n)) return n;
+    peers[fd].tracked = false;
+    halyx_log(LOG_WARNING, MILTER_LOG_MALFORMED);
+    errno = ECONNRESET;
+    return -1;
+}
+
+extern "C" int close(int fd)
+{
+    if (fd >= 0 && fd < PEERS) peers[fd].tracked = false;
+    return (int)syscall(SYS_close, fd);
+}
+
+/* sigwait - where libmilter's signal thread waits: for ever.  The owned signals are the
+ * supervisor's, read from its signalfd; were the library to take one, a SIGHUP would end
+ * its loop and with it the service.  Nothing else in keyseal-milter calls sigwait(). */
+extern "C" int sigwait(const sigset_t *, int *)
+{
+    for (;;)
+        pause();
 }

@@ -1,15 +1,24 @@
 /*
- * client_filter - who may talk to keyseal-milter: whoever reaches its socket can have any
- * message signed, so the peers of an inet socket outside the clients setting are refused,
- * and once a stop has begun nobody new is taken.
+ * client_filter - who may talk to keyseal-milter, and what libmilter may be handed: whoever
+ * reaches the socket can have any message signed, so the peers of an inet socket outside
+ * the clients setting are refused, once a stop has begun nobody new is taken, and a
+ * connection that sends what the library cannot take apart safely is ended.
  *
- * keyseal-milter defines accept(), the call libmilter's listener makes, so that a
- * connection is judged before the library sees it: a refused one is closed at once and
- * logged ("refused a connection from IP: not among clients"), and the listener goes on to
- * the next (it sees EINTR).  client_filter_bind() names the settings to judge by (they
- * must outlive the listener); client_filter_close() refuses every new connection from
- * then on.  Unix-socket peers are judged by the socket file's permissions alone.
- * Thread-safe; nothing here ends the process.
+ * keyseal-milter defines calls that libmilter makes, so that a connection is judged before
+ * the library sees it (compiled into the program alone, never into the library):
+ *   accept()   a refused peer is closed at once and logged ("refused a connection from
+ *              IP: not among clients"); the listener sees EINTR and goes on to the next
+ *   read()     a connection's packets are followed; one whose macro packet holds unpaired
+ *              names and values (which makes the library's macro lookup read past its
+ *              list) is ended, logged, as if its peer had reset it
+ *   close()    a connection's descriptor is forgotten
+ *   sigwait()  libmilter's signal thread waits for ever: the signals are the supervisor's
+ *              (milter/supervisor.h), and a SIGHUP taken by the library would end its loop
+ * Descriptors that are not a connection pass through read() and close() untouched.
+ * client_filter_bind() names the settings to judge by (they must outlive the listener);
+ * client_filter_close() refuses every new connection from then on.  Unix-socket peers are
+ * judged by the socket file's permissions alone.  Thread-safe; nothing here ends the
+ * process.
  */
 #ifndef KEYSEAL_MILTER_CLIENT_FILTER_H
 #define KEYSEAL_MILTER_CLIENT_FILTER_H

@@ -30,6 +30,8 @@
 #define MILTER_LOG_MANY_FROM "%s: signed d=%s but the message has %d From: addresses"
 /* the peer's address */
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
+#define MILTER_LOG_MALFORMED                                                                       \
+    "ended a connection that sent a malformed macro packet (names and values unpaired)"
 /* pid, how it ended */
 #define MILTER_LOG_HELPER_ENDED "the signing helper (pid %d) ended (%s); starting a new one"
 /* libmilter's status */

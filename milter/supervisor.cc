@@ -207,12 +207,3 @@ void write_pid(const std::string &path)
 }
 
 } // namespace keyseal_milter
-
-/* sigwait - where libmilter's signal thread waits: for ever.  The owned signals are the
- * supervisor's, read from its signalfd; were the library to take one, a SIGHUP would end
- * its loop and with it the service.  Nothing else in keyseal-milter calls sigwait(). */
-extern "C" int sigwait(const sigset_t *, int *)
-{
-    for (;;)
-        pause();
-}

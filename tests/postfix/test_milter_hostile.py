@@ -483,3 +483,30 @@ def test_a_header_as_long_as_postfix_takes(lab, start, header, way, signs):
     unchanged(answer)  # even under strict: it would fail the same way every time
     lab.log(until=rf"keyseal-milter\[\d+\]: {qid}: not signed: its To: header is \d+ bytes unfolded, "
             r"more than the signer hashes whole \(65534\); a retry would fail the same way")
+
+
+@pytest.mark.parametrize("macros,ends", [
+    (b"Mi\0Q1\0zz\0", True),   # a name without its value
+    (b"Mi\0Q1\0zz\0yy", True),  # the last value without its NUL
+    (b"M", False),                 # no macros at all
+    (b"Mi\0\0zz\0\0", False),      # empty values, paired
+])
+def test_a_malformed_macro_packet_ends_only_its_connection(lab, start, macros, ends):
+    """libmilter's macro lookup reads past an unpaired list: such a connection is ended
+    before keyseal-milter looks a macro up, and the service goes on."""
+    milter = start()
+    with session(SOCK) as m:
+        try:
+            m.send(b"D", macros)
+            m.send(b"M", b"<ann@example.com>\0")
+            m.send(b"A")  # abort: a connection still open answers nothing, then sees QUIT
+            m.send(b"Q")
+            assert m.sock.recv(1) == b""
+        except ConnectionError:
+            pass
+    qid, data, answer = send()
+    signed(data, answer)
+    log = lab.log(until=rf"keyseal\[\d+\]: {qid}: ")
+    assert bool(re.search(rf"keyseal-milter\[{milter.pid}\]: ended a connection that sent a malformed "
+                          r"macro packet \(names and values unpaired\)", log)) == ends
+    assert milter.poll() is None
