@@ -20,6 +20,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -125,6 +126,8 @@ int supervise(Settings &settings, Helper &helper)
         halyx_log(LOG_ERR, "cannot read signals: %s", strerror(errno));
         return 1;
     }
+    /* a service manager waits for this before it counts the service started */
+    sd_notify(0, "READY=1");
     int status = 0;
     bool stopping = false, restart_due = false;
     Clock::time_point restart_at, quiet_since, deadline;
@@ -136,6 +139,7 @@ int supervise(Settings &settings, Helper &helper)
         stopping = true;
         status = exit_status;
         client_filter_close();
+        sd_notify(0, "STOPPING=1");
         auto s = settings.get();
         std::string path = s->socket_file();
         if (!path.empty()) unlink(path.c_str());

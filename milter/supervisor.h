@@ -15,9 +15,11 @@
  *   SIGTERM SIGINT  stop: no new connection, the messages in flight finish, exit 0
  *   SIGPIPE         ignored (a peer gone is a failed write)
  *
- * supervise() returns the exit status: 0 only after a stop that was asked for; 1 when
- * libmilter's loop ended by itself (logged with its status) or no signing helper can be
- * started.  A helper that dies is replaced every time (milter/helper.h).
+ * supervise() tells the service manager READY=1 as it begins (keyseal-milter listens and
+ * its helper is ready by then) and STOPPING=1 when a stop begins.  It returns the exit status: 0
+ * only after a stop that was asked for; 1 when libmilter's loop ended by itself (logged with its
+ * status) or no signing helper can be started.  A helper that dies is replaced every time
+ * (milter/helper.h).
  *
  * Settings is thread-safe: get() from any thread; load() and reload() from the main
  * thread only.  A message keeps the settings it began with.

@@ -510,3 +510,63 @@ def test_a_malformed_macro_packet_ends_only_its_connection(lab, start, macros, e
     assert bool(re.search(rf"keyseal-milter\[{milter.pid}\]: ended a connection that sent a malformed "
                           r"macro packet \(names and values unpaired\)", log)) == ends
     assert milter.poll() is None
+
+
+def flowing(count, during):
+    """count messages sent one after another while during() runs beside them; each is
+    signed, and the milter still serves at the end."""
+    sent, stop = [], threading.Event()
+
+    def stream():
+        while not stop.is_set() or len(sent) < count:
+            sent.append(send())
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        running = pool.submit(stream)
+        try:
+            during()
+        finally:
+            stop.set()
+        running.result()
+    for qid, data, answer in sent:
+        assert signed(data, answer), qid
+    return sent
+
+
+@pytest.mark.parametrize("who", ["main, twice at once", "every process"])
+def test_sighup_while_mail_flows_stops_nothing(lab, start, who):
+    milter = start()
+
+    def hups():
+        for _ in range(150 if who.startswith("main") else 40):
+            targets = [milter.pid] * 2 if who.startswith("main") else [milter.pid] + descendants(milter.pid)
+            # one shell per signal, started together: the signals arrive as from two tools
+            kills = [subprocess.Popen(["/bin/kill", "-HUP", str(p)], stderr=subprocess.DEVNULL) for p in targets]
+            for k in kills:
+                k.wait()
+            time.sleep(0.02)
+    flowing(20, hups)
+    assert milter.poll() is None
+    log = lab.log(until=rf"keyseal-milter\[{milter.pid}\]: reloaded ")
+    assert not re.search(rf"keyseal-milter\[{milter.pid}\]: (stopping|.*killed by SIGHUP)", log)
+
+
+def test_a_sighup_as_soon_as_the_pid_file_is_there_is_a_reload(lab):
+    """Whoever reloads by the pid file (keyseal-admin rotate, a script) may do so the moment
+    it appears."""
+    conf, sock = "/etc/keyseal/early.conf", postfix_lab.QUEUE + "/keyseal/early.sock"
+    pid_file = "/usr/local/run/keyseal-milter/early.pid"
+    with open(conf, "w") as f:
+        f.write(f"socket unix:{sock}\npid_file {pid_file}\n")
+    for _ in range(5):
+        if os.path.exists(pid_file):
+            os.remove(pid_file)
+        p = subprocess.Popen(["/usr/local/sbin/keyseal-milter", "-f", "-c", conf])
+        gone = time.monotonic() + 60
+        while not os.path.exists(pid_file) and p.poll() is None and time.monotonic() < gone:
+            pass
+        p.send_signal(signal.SIGHUP)
+        wait_for(lambda: os.path.exists(sock) or p.poll() is not None, "the early milter's socket")
+        lab.log(until=rf"keyseal-milter\[{p.pid}\]: reloaded {conf}")
+        assert p.poll() is None, p.returncode
+        p.terminate()
+        assert p.wait(timeout=60) == 0
