@@ -216,13 +216,13 @@ int dk_engine_run(const dk_engine_job *job)
 {
     Run run{job, nullptr, {}};
     char *decision = nullptr;
-    int rule = dk_policy_decide(&decision);
+    int rule = dk_policy_decide(job->policy, &decision);
     halyx_log(LOG_INFO, "%s", decision);
     notify(run, DK_EVENT_POLICY, rule, decision);
     free(decision);
     if (rule == DK_POLICY_SKIP) return DK_ENGINE_SKIPPED;
 
-    mail_spool_guard();
+    mail_spool_guard(job->guard_signals);
     run.me = mail_stream_to_tmpfile(job->in);
     if (run.me == nullptr) {
         failed(run, DK_FAIL_SPOOL, DK_LOG_SPOOL_FAILED);

@@ -5,16 +5,19 @@
  *
  * keyseal runs it on its standard streams; keyseal-admin explain runs it without
  * output (out NULL) to show each decision as it is taken; keyseal-milter runs it in a
- * worker per message, with several selectors, the algorithm the key calls for, and a header
- * set of its own.  dk_engine_run() logs exactly the handler's lines through
- * halyx_log and returns the handler's exit status: DK_ENGINE_SIGNED, DK_ENGINE_SKIPPED
- * (in was not read) or DK_ENGINE_FAILED.  The spool file exists only during the call
- * and is removed on every path, a timeout signal included (mail_spool_guard).  The
+ * worker per message, with several selectors, the algorithm the key calls for, a header
+ * set of its own and the policy inputs of its job.  dk_engine_run() logs exactly the
+ * handler's lines through halyx_log and returns the handler's exit status:
+ * DK_ENGINE_SIGNED, DK_ENGINE_SKIPPED (in was not read) or DK_ENGINE_FAILED.  The spool
+ * file exists only during the call and is removed on every path, a signal of the guard's
+ * included (mail_spool_guard).  The
  * observer, when set, is called with each decision; its text is valid only during the
  * call.  Memory exhaustion ends the process (status 1).  Not thread-safe.
  */
 #ifndef DK_ENGINE_H
 #define DK_ENGINE_H
+
+#include "dkim/dk_policy.h"
 
 #include <stdio.h>
 
@@ -74,6 +77,8 @@ typedef struct dk_engine_job {
     int by_key_type;                 /* the algorithm the key calls for, not rsa-sha256 alone */
     const char *const *sign_headers; /* NULL-ended; NULL: Received, From, To, Subject */
     const char *const *oversign;     /* signed once more than they occur; NULL: none */
+    const dk_policy_inputs *policy;  /* NULL: the process environment's, as the chain sets it */
+    const int *guard_signals;        /* 0-ended, for mail_spool_guard; NULL: the handler's */
 } dk_engine_job;
 
 int dk_engine_run(const dk_engine_job *job);

@@ -9,24 +9,30 @@
 #include <cstring>
 #include <unistd.h>
 
-enum { COPY_CHUNK = 8192, GUARD_SLOTS = 2 /* the spool file, and its successor while replaced */ };
+enum {
+    COPY_CHUNK = 8192,
+    GUARD_SLOTS = 2, /* the spool file, and its successor while replaced */
+    GUARD_MAX = 8,   /* signals a guard takes */
+};
 
 /*
  * The spool files of this process, readable from a signal handler: a slot's path
- * is complete before the slot is marked used.  The timeout signals are blocked
+ * is complete before the slot is marked used.  The guard's signals are blocked
  * while a file is created or unlinked together with its slot, so that no signal
  * falls between the two.
  */
 static char guard_path[GUARD_SLOTS][sizeof(MAIL_SPOOL_DIR "/" MAIL_SPOOL_STEM "XXXXXX")];
 static volatile sig_atomic_t guard_used[GUARD_SLOTS];
-static const int GUARD_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM};
+/* the handler's: the chain's time limit may come as any of them */
+static const int HANDLER_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM, 0};
+static int guard_signals[GUARD_MAX + 1]; /* 0-ended; empty until a guard is installed */
 
 static void guard_block(sigset_t *saved)
 {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : GUARD_SIGNALS)
-        sigaddset(&set, sig);
+    for (const int *sig = guard_signals; *sig != 0; sig++)
+        sigaddset(&set, *sig);
     sigprocmask(SIG_BLOCK, &set, saved);
 }
 
@@ -44,21 +50,24 @@ static void on_timeout_signal(int sig)
     raise(sig);
 }
 
-void mail_spool_guard(void)
+void mail_spool_guard(const int *signals)
 {
     static bool installed = false;
     if (installed) return;
     installed = true;
+    if (signals == nullptr) signals = HANDLER_SIGNALS;
+    for (int i = 0; i < GUARD_MAX && signals[i] != 0; i++)
+        guard_signals[i] = signals[i];
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
     sa.sa_handler = on_timeout_signal;
     sa.sa_flags = SA_RESETHAND | SA_NODEFER;
-    for (int sig : GUARD_SIGNALS) {
-        /* the other two wait while one is handled; sig itself must stay deliverable */
+    for (const int *sig = guard_signals; *sig != 0; sig++) {
+        /* the others wait while one is handled; sig itself must stay deliverable */
         sigemptyset(&sa.sa_mask);
-        for (int other : GUARD_SIGNALS)
-            if (other != sig) sigaddset(&sa.sa_mask, other);
-        sigaction(sig, &sa, nullptr);
+        for (const int *other = guard_signals; *other != 0; other++)
+            if (*other != *sig) sigaddset(&sa.sa_mask, *other);
+        sigaction(*sig, &sa, nullptr);
     }
     atexit(guard_remove_all);
 }

@@ -51,11 +51,12 @@ int mail_tmpfile_replace(mail_me *me);
  * still gives 0 */
 int mail_tmpfile_to_stream(mail_me *me, FILE *out);
 void mail_me_free(mail_me *me);
-/* mail_spool_guard - from now on SIGTERM, SIGHUP and SIGALRM unlink the registered
- * spool files and then kill the process with the same signal (default action), and
- * exit() unlinks them too.  Installs process-wide signal dispositions and an atexit hook,
- * once per process. */
-void mail_spool_guard(void);
+/* mail_spool_guard - from now on the signals (0-ended; NULL: the handler's SIGTERM, SIGHUP
+ * and SIGALRM) unlink the registered spool files and then kill the process with the same
+ * signal (default action), and exit() unlinks them too.  Installs process-wide signal
+ * dispositions and an atexit hook, once per process: the first call's list holds, and
+ * signals past the eighth are not taken. */
+void mail_spool_guard(const int *signals);
 
 int write_fp_to_fp(FILE *in, FILE *out);
 

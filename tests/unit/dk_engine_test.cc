@@ -47,8 +47,8 @@ TEST(DkEngine, ReportsWhatTheRemovalWalkCutsAndKeeps)
         SCOPED_TRACE(c.name);
         std::string message = c.headers + "\nbody\n", seen;
         FILE *in = fmemopen(message.data(), message.size(), "r");
-        dk_engine_job job = {"example.com", "",      in, nullptr, record,
-                             &seen,         nullptr, 0,  nullptr, nullptr};
+        dk_engine_job job = {"example.com", "", in,      nullptr, record,  &seen,
+                             nullptr,       0,  nullptr, nullptr, nullptr, nullptr};
         EXPECT_EQ(dk_engine_run(&job), DK_ENGINE_FAILED); /* no key in the sandbox */
         fclose(in);
         EXPECT_EQ(seen, c.events);
