@@ -149,6 +149,69 @@ mail_me *mail_stream_to_tmpfile(FILE *in)
     return me;
 }
 
+mail_me *mail_stream_headers(FILE *in)
+{
+    mail_me *me = (mail_me *)calloc(1, sizeof(*me));
+    if (me == nullptr) {
+        halyx_log(LOG_ERR, "cannot allocate memory for mail data structure");
+        return nullptr;
+    }
+    me_header_init(&me->headers);
+    if (mail_header_read(in, me) != 0) {
+        halyx_log(LOG_ERR, "cannot parse the e-mail's envelope.");
+        mail_me_free(me);
+        return nullptr;
+    }
+    return me;
+}
+
+namespace
+{
+
+/* Edited - mail_stream_edited's cookie: the header block as written, then the input */
+struct Edited {
+    char *head;
+    size_t size, at;
+    FILE *rest;
+};
+
+ssize_t edited_read(void *cookie, char *buf, size_t size)
+{
+    auto *e = static_cast<Edited *>(cookie);
+    if (e->at < e->size) {
+        size_t n = e->size - e->at < size ? e->size - e->at : size;
+        memcpy(buf, e->head + e->at, n);
+        e->at += n;
+        return (ssize_t)n;
+    }
+    size_t n = fread(buf, 1, size, e->rest);
+    return n == 0 && ferror(e->rest) ? -1 : (ssize_t)n;
+}
+
+int edited_close(void *cookie)
+{
+    auto *e = static_cast<Edited *>(cookie);
+    free(e->head);
+    free(e);
+    return 0;
+}
+
+} // namespace
+
+FILE *mail_stream_edited(mail_me *me, FILE *in)
+{
+    auto *e = (Edited *)calloc(1, sizeof(Edited));
+    if (e == nullptr) return nullptr;
+    e->rest = in;
+    FILE *head = open_memstream(&e->head, &e->size);
+    bool ok = head != nullptr && mail_header_write(head, me) == 0;
+    if (head != nullptr) ok = fclose(head) == 0 && ok;
+    cookie_io_functions_t io = {edited_read, nullptr, nullptr, edited_close};
+    FILE *out = ok ? fopencookie(e, "r", io) : nullptr;
+    if (out == nullptr) edited_close(e);
+    return out;
+}
+
 int mail_tmpfile_replace(mail_me *me)
 {
     FILE *old = fopen(me->spool_path, "r");
