@@ -401,7 +401,7 @@ void check_alignment(const Session &s, const std::string &id, const std::string 
                   s.from[0].empty() ? "no domain" : s.from[0].c_str());
 }
 
-/* job_for - the handler's arguments and environment for the session's message */
+/* job_for - the handler's arguments and policy inputs for the session's message */
 Job job_for(const Session &s, const std::string &id)
 {
     const Config &c = *s.config;
@@ -411,9 +411,9 @@ Job job_for(const Session &s, const std::string &id)
     job.domain = signing_domain(s);
     job.context = c.context(job.domain);
     job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
-    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE);
-    if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
-    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_CLIENT "=" + s.client);
+    job.local = s.local;
+    job.auth = s.auth;
+    job.client = s.local ? "" : s.client;
     job.selectors = c.selectors_for(job.domain);
     job.headers = c.headers;
     job.oversign = c.oversign;
