@@ -123,8 +123,8 @@ int cmd_explain(const std::string &from, const std::string &context,
     /* the handler's own flow, its log lines caught instead of sent, nothing written out */
     halyx_log = capture_log;
     halyx_logv = capture_logv;
-    dk_engine_job job = {domain,  context.c_str(), in, nullptr, observe,
-                         nullptr, nullptr,         0,  nullptr, nullptr};
+    dk_engine_job job = {domain, context.c_str(), in,      nullptr, observe, nullptr, nullptr,
+                         0,      nullptr,         nullptr, nullptr, nullptr, 0};
     int status = dk_engine_run(&job);
     fclose(in);
 

@@ -5,6 +5,9 @@
 #include "dkim/dk_policy.h"
 #include "dkim/dk_sign.h"
 #include "mailhandler/mail_me.h"
+#include "milter/job.h"
+#include "milter/worker.h"
+#include "util/file_utils.h"
 #include "util/halyx_log.h"
 
 #include <cerrno>
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,11 +80,35 @@ bool key_is_ed25519(const std::string &domain, const std::string &selector)
     return key && key_type(key.get()) == "ed25519";
 }
 
-/* sign_as_milter - the engine run in a child as keyseal-milter runs it, the algorithm chosen
- * by the key's type; the child takes the user's identity first when one is given */
-Run sign_as_milter(const std::string &domain, const std::string &selector,
+/* milter_settings - keyseal-milter's settings as it would load them now */
+keyseal_milter::Config milter_settings()
+{
+    try {
+        return keyseal_milter::load(MILTER_CONF_PATH);
+    } catch (const keyseal_milter::ConfigError &e) {
+        throw Problem(std::string(e.what()) + ": fix it, then keyseal-milter --check-config");
+    }
+}
+
+/* sign_as_milter - the sample as keyseal-milter's worker signs a local submission from
+ * sender, with the job keyseal-milter would make under its settings (headers, oversign) but
+ * the selector under test; in a child that takes the user's identity first when one is
+ * given.  run.out: the signed message; the exit status the engine's. */
+Run sign_as_milter(const keyseal_milter::Config &config, const std::string &domain,
+                   const std::string &selector, const std::string &sender,
                    const std::string &message, const Access *user)
 {
+    keyseal_milter::Envelope envelope;
+    envelope.sender = sender;
+    envelope.domain = domain;
+    envelope.recipients = {sender};
+    envelope.local = true;
+    envelope.from = {domain};
+    envelope.queue_id = "keyseal-admin-test";
+    keyseal_milter::Job job = keyseal_milter::make_job(config, envelope);
+    job.selectors = {selector};
+    job.context = DK_CONTEXT_SELECTOR + selector;
+
     int out[2];
     if (pipe(out) != 0) throw Problem(std::string("cannot make a pipe: ") + strerror(errno));
     fflush(nullptr);
@@ -89,21 +117,18 @@ Run sign_as_milter(const std::string &domain, const std::string &selector,
     if (pid == 0) {
         close(out[0]);
         if (user != nullptr) user->become();
-        setenv("PPP_INSIDE_SENDMAIL", "1", 1);
-        unsetenv("SMTP_AUTHORIZED");
-        unsetenv("TCPREMOTEIP");
-        std::string context = DK_CONTEXT_SELECTOR + selector;
-        FILE *in = fmemopen((void *)message.data(), message.size(), "r");
-        FILE *signed_out = fdopen(out[1], "w");
-        if (in == nullptr || signed_out == nullptr) _exit(DK_ENGINE_FAILED);
-        dk_engine_job job{};
-        job.from_domain = domain.c_str();
-        job.context = context.c_str();
-        job.in = in;
-        job.out = signed_out;
-        job.by_key_type = 1; /* keyseal-milter's choice: the algorithm of the key's type */
-        int status = dk_engine_run(&job);
-        _exit(fclose(signed_out) == 0 ? status : DK_ENGINE_FAILED);
+        int fd = memfd_create("keyseal-admin test", MFD_CLOEXEC);
+        if (fd < 0 || write_all(fd, message.data(), message.size()) != 0) _exit(DK_ENGINE_FAILED);
+        keyseal_milter::Result r = keyseal_milter::serve(job, fd, false);
+        if (r.verdict != keyseal_milter::Verdict::SIGNED) _exit(DK_ENGINE_FAILED);
+        /* the signatures first, in order, as keyseal-milter has the mail server insert them */
+        std::string signed_message;
+        for (const std::string &sig : r.signatures)
+            signed_message += sig;
+        signed_message += message;
+        _exit(write_all(out[1], signed_message.data(), signed_message.size()) == 0
+                  ? DK_ENGINE_SIGNED
+                  : DK_ENGINE_FAILED);
     }
     close(out[1]);
     Run run;
@@ -117,6 +142,28 @@ Run sign_as_milter(const std::string &domain, const std::string &selector,
     while (waitpid(pid, &run.status, 0) < 0 && errno == EINTR) {
     }
     return run;
+}
+
+/* signed_fields - the h= tag of the message's first header, a DKIM-Signature; "" if none */
+std::string signed_fields(const std::string &message)
+{
+    std::string header;
+    for (size_t at = 0; at < message.size();) {
+        size_t end = message.find('\n', at);
+        if (end == std::string::npos) end = message.size();
+        if (at > 0 && message[at] != ' ' && message[at] != '\t') break;
+        header += message.substr(at, end - at);
+        at = end + 1;
+    }
+    for (size_t at = header.find(':'); at != std::string::npos; at = header.find(';', at)) {
+        size_t tag = header.find_first_not_of(" \t\r", ++at);
+        if (tag != std::string::npos && header.compare(tag, 2, "h=") == 0) {
+            std::string value = header.substr(tag + 2, header.find(';', tag) - tag - 2);
+            std::erase_if(value, [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
+            return value;
+        }
+    }
+    return "";
 }
 
 } // namespace
@@ -145,17 +192,19 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
         report.ok(how + std::to_string(run.out.size()) + " bytes out");
         std::string first = run.out.substr(0, run.out.find("\n\t"));
         report.note(first.size() < 100 ? first : first.substr(0, 100) + "...");
+        report.note("signed fields (h=): " + signed_fields(run.out));
         verify(run.out, ns, report);
         return report.exit_status();
     };
     if (key_is_ed25519(domain, selector)) {
         /* the handler cannot sign with this key: prove it where it signs */
         report.note(std::string(ED25519_NOTE));
-        report.note("signing as keyseal-milter signs (the handler's engine, ed25519-sha256 for "
-                    "this key), sender " +
-                    sender + ", CONTEXT " + args[0] + ", a sample message" +
+        keyseal_milter::Config config = milter_settings();
+        report.note("signing as keyseal-milter signs (its worker, with the header fields of " +
+                    config.path + " and ed25519-sha256 for this key), a local submission from " +
+                    sender + ", selector " + selector + ", a sample message" +
                     (user != nullptr ? ", as user " + user->user : ""));
-        Run run = sign_as_milter(domain, selector, message, user);
+        Run run = sign_as_milter(config, domain, selector, sender, message, user);
         if (!WIFEXITED(run.status) || WEXITSTATUS(run.status) != DK_ENGINE_SIGNED) {
             report.error("the engine did not sign as keyseal-milter would: " +
                          describe(run.status) + "; its log lines are above");

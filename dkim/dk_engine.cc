@@ -19,6 +19,7 @@ namespace
 
 struct Run {
     const dk_engine_job *job;
+    bool in_place; /* no spool file: the message is signed as job->in is read */
     mail_me *me;
     /* the message's DKIM-Signature headers in any letter case, in order: what the
      * observer is told was cut or kept; a cut entry's node is set to null */
@@ -105,6 +106,18 @@ int remove_old_signatures(Run &run, const char *domain, line_sections *ls)
     return changed;
 }
 
+/* unsigned_by - a selector failed: log why and tell the observer, naming the selector */
+void unsigned_by(const Run &run, int failure, const char *selector, const char *why)
+{
+    failed(run, failure, why);
+    if (run.job->observe == nullptr) return;
+    char *path = dk_key_path(run.job->from_domain, selector);
+    char *text = asprintf_safe(DK_SELECTOR_FAILED, selector, path, why);
+    notify(run, DK_EVENT_UNSIGNED, failure, text);
+    free(text);
+    free(path);
+}
+
 /* read_key - the sender domain's key into key (DK_KEY_BUFFER + 1 bytes); 0 or -1 after logging */
 int read_key(const Run &run, const char *domain, const char *selector, char *key)
 {
@@ -114,37 +127,54 @@ int read_key(const Run &run, const char *domain, const char *selector, char *key
     int status = dk_key_read(path, key, &length);
     if (status != DK_KEY_OK) {
         char *why = dk_key_failure(status, path);
-        failed(run, DK_FAIL_KEY, why);
+        unsigned_by(run, DK_FAIL_KEY, selector, why);
         free(why);
     }
     free(path);
     return status == DK_KEY_OK ? 0 : -1;
 }
 
-/* sign_message - sign the spool file once per signer and put the headers first, in the
+/* message_stream - the message to sign: the spool file, or in place the header list and
+ * the rest of the input; NULL after logging */
+FILE *message_stream(const Run &run)
+{
+    FILE *msg =
+        run.in_place ? mail_stream_edited(run.me, run.job->in) : fopen(run.me->spool_path, "r");
+    if (msg != nullptr) return msg;
+    char *why =
+        asprintf_safe(DK_LOG_DKIM_ERROR, run.in_place ? "cannot read the message"
+                                                      : "cannot reopen the spooled message");
+    failed(run, run.in_place ? DK_FAIL_SPOOL : DK_FAIL_OUTPUT, why);
+    free(why);
+    return nullptr;
+}
+
+/* sign_message - sign the message once per signer and put the headers first, in the
  * signers' order; 0 when at least one signature was made, -1 after logging otherwise */
 int sign_message(const Run &run, const char *domain, const std::vector<dk_signer> &signers)
 {
-    FILE *msg = fopen(run.me->spool_path, "r");
-    if (msg == nullptr) {
-        char *why = asprintf_safe(DK_LOG_DKIM_ERROR, "cannot reopen the spooled message");
-        failed(run, DK_FAIL_OUTPUT, why);
-        free(why);
-        return -1;
-    }
+    FILE *msg = message_stream(run);
+    if (msg == nullptr) return -1;
     const dk_engine_job *job = run.job;
     std::vector<dk_result *> results(signers.size());
     keyseal_each(domain, signers.data(), signers.size(), job->sign_headers, job->oversign, msg,
                  results.data());
+    /* in place, the input was read only now: a failed read is the spooling's failure */
+    bool unread = run.in_place && ferror(msg);
     fclose(msg);
+    if (unread) {
+        halyx_log(LOG_ERR, "cannot read the e-mail's body.");
+        failed(run, DK_FAIL_SPOOL, DK_LOG_SPOOL_FAILED);
+    }
     std::vector<const char *> made;
-    for (dk_result *r : results) {
-        char *failure = dk_result_failure(r);
+    for (size_t i = 0; i < results.size() && !unread; i++) {
+        char *failure = dk_result_failure(results[i]);
         if (failure == nullptr) {
-            made.push_back(r->text);
+            made.push_back(results[i]->text);
             continue;
         }
-        failed(run, dk_sign_key_failure(r->status) ? DK_FAIL_KEY : DK_FAIL_MESSAGE, failure);
+        int kind = dk_sign_key_failure(results[i]->status) ? DK_FAIL_KEY : DK_FAIL_MESSAGE;
+        unsigned_by(run, kind, signers[i].selector, failure);
         free(failure);
     }
     int rc = made.empty() ? -1 : 0;
@@ -158,7 +188,8 @@ int sign_message(const Run &run, const char *domain, const std::vector<dk_signer
     return rc;
 }
 
-/* handle - everything after spooling; the caller removes the spool file */
+/* handle - everything after spooling (in place: after the header block is read); the
+ * caller removes the spool file */
 int handle(Run &run)
 {
     const dk_engine_job *job = run.job;
@@ -172,7 +203,7 @@ int handle(Run &run)
         failed(run, DK_FAIL_HEADER, DK_LOG_HEADER_FAILED);
         return DK_ENGINE_FAILED;
     }
-    if (removed > 0 && mail_tmpfile_replace(run.me) != 0) {
+    if (removed > 0 && !run.in_place && mail_tmpfile_replace(run.me) != 0) {
         failed(run, DK_FAIL_SPOOL, DK_LOG_HEADER_FAILED);
         return DK_ENGINE_FAILED;
     }
@@ -214,21 +245,21 @@ int handle(Run &run)
 
 int dk_engine_run(const dk_engine_job *job)
 {
-    Run run{job, nullptr, {}};
+    Run run{job, job->in_place && job->out == nullptr, nullptr, {}};
     char *decision = nullptr;
-    int rule = dk_policy_decide(&decision);
+    int rule = dk_policy_decide(job->policy, &decision);
     halyx_log(LOG_INFO, "%s", decision);
     notify(run, DK_EVENT_POLICY, rule, decision);
     free(decision);
     if (rule == DK_POLICY_SKIP) return DK_ENGINE_SKIPPED;
 
-    mail_spool_guard();
-    run.me = mail_stream_to_tmpfile(job->in);
+    if (!run.in_place) mail_spool_guard(job->guard_signals);
+    run.me = run.in_place ? mail_stream_headers(job->in) : mail_stream_to_tmpfile(job->in);
     if (run.me == nullptr) {
         failed(run, DK_FAIL_SPOOL, DK_LOG_SPOOL_FAILED);
         return DK_ENGINE_FAILED;
     }
-    notify(run, DK_EVENT_SPOOLED, 0, run.me->spool_path);
+    if (!run.in_place) notify(run, DK_EVENT_SPOOLED, 0, run.me->spool_path);
     int status = handle(run);
     mail_me_free(run.me);
     return status;

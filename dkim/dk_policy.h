@@ -1,12 +1,14 @@
 /*
  * dk_policy - the signing policy: may this message be signed, and by which rule.
  *
- * Rules, tested in this order from the process environment, the first that holds
- * deciding: PPP_INSIDE_SENDMAIL exactly "1"; SMTP_AUTHORIZED not empty; TCPREMOTEIP not
- * empty and on the signing whitelist (the only rule that reads a file).  Otherwise the
- * message is not eligible.  dk_policy_decide() returns the rule and sets *line to the
- * handler's log line for the decision (level informational; the caller frees it).
- * It never fails; memory exhaustion ends the process (status 1) through asprintf_safe.
+ * Rules, tested in this order on the policy inputs, the first that holds deciding:
+ * PPP_INSIDE_SENDMAIL exactly "1"; SMTP_AUTHORIZED not empty; TCPREMOTEIP not empty and on
+ * the signing whitelist (the only rule that reads a file).  Otherwise the message is not
+ * eligible.  The handler takes the inputs from its process environment, where the chain
+ * sets them; keyseal-milter's worker fills them from its job.  dk_policy_decide() returns
+ * the rule and sets *line to the handler's log line for the decision (level informational;
+ * the caller frees it).  It never fails; memory exhaustion ends the process (status 1)
+ * through asprintf_safe.
  */
 #ifndef DK_POLICY_H
 #define DK_POLICY_H
@@ -36,7 +38,19 @@ enum dk_policy_rule {
     DK_POLICY_WHITELISTED = 3,
 };
 
-int dk_policy_decide(char **line);
+/* The inputs of the rules: each variable's value, or NULL when it is not set.  The
+ * pointers are borrowed: valid as long as what they point into. */
+typedef struct dk_policy_inputs {
+    const char *sendmail;   /* DK_ENV_SENDMAIL */
+    const char *authorized; /* DK_ENV_AUTHORIZED */
+    const char *client;     /* DK_ENV_CLIENT */
+} dk_policy_inputs;
+
+/* dk_policy_from_env - the inputs from the process environment (pointers into it: valid
+ * until the variable changes) */
+void dk_policy_from_env(dk_policy_inputs *in);
+/* dk_policy_decide - the rule for these inputs; NULL: the process environment's */
+int dk_policy_decide(const dk_policy_inputs *in, char **line);
 
 #ifdef __cplusplus
 }

@@ -24,7 +24,8 @@ int main(int argc, char **argv)
         return DK_ENGINE_FAILED;
     }
     dk_engine_job job = {ctx.from_domain, ctx.context, stdin, stdout,  nullptr,
-                         nullptr,         nullptr,     0,     nullptr, nullptr};
+                         nullptr,         nullptr,     0,     nullptr, nullptr,
+                         nullptr,         nullptr,     0};
     int status = dk_engine_run(&job);
     /* four bytes, no newline: the chain reads the word as it stands */
     if (status == DK_ENGINE_SIGNED) fwrite("PASS", 1, 4, stderr);

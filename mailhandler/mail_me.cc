@@ -9,24 +9,30 @@
 #include <cstring>
 #include <unistd.h>
 
-enum { COPY_CHUNK = 8192, GUARD_SLOTS = 2 /* the spool file, and its successor while replaced */ };
+enum {
+    COPY_CHUNK = 8192,
+    GUARD_SLOTS = 2, /* the spool file, and its successor while replaced */
+    GUARD_MAX = 8,   /* signals a guard takes */
+};
 
 /*
  * The spool files of this process, readable from a signal handler: a slot's path
- * is complete before the slot is marked used.  The timeout signals are blocked
+ * is complete before the slot is marked used.  The guard's signals are blocked
  * while a file is created or unlinked together with its slot, so that no signal
  * falls between the two.
  */
 static char guard_path[GUARD_SLOTS][sizeof(MAIL_SPOOL_DIR "/" MAIL_SPOOL_STEM "XXXXXX")];
 static volatile sig_atomic_t guard_used[GUARD_SLOTS];
-static const int GUARD_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM};
+/* the handler's: the chain's time limit may come as any of them */
+static const int HANDLER_SIGNALS[] = {SIGTERM, SIGHUP, SIGALRM, 0};
+static int guard_signals[GUARD_MAX + 1]; /* 0-ended; empty until a guard is installed */
 
 static void guard_block(sigset_t *saved)
 {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : GUARD_SIGNALS)
-        sigaddset(&set, sig);
+    for (const int *sig = guard_signals; *sig != 0; sig++)
+        sigaddset(&set, *sig);
     sigprocmask(SIG_BLOCK, &set, saved);
 }
 
@@ -44,21 +50,24 @@ static void on_timeout_signal(int sig)
     raise(sig);
 }
 
-void mail_spool_guard(void)
+void mail_spool_guard(const int *signals)
 {
     static bool installed = false;
     if (installed) return;
     installed = true;
+    if (signals == nullptr) signals = HANDLER_SIGNALS;
+    for (int i = 0; i < GUARD_MAX && signals[i] != 0; i++)
+        guard_signals[i] = signals[i];
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
     sa.sa_handler = on_timeout_signal;
     sa.sa_flags = SA_RESETHAND | SA_NODEFER;
-    for (int sig : GUARD_SIGNALS) {
-        /* the other two wait while one is handled; sig itself must stay deliverable */
+    for (const int *sig = guard_signals; *sig != 0; sig++) {
+        /* the others wait while one is handled; sig itself must stay deliverable */
         sigemptyset(&sa.sa_mask);
-        for (int other : GUARD_SIGNALS)
-            if (other != sig) sigaddset(&sa.sa_mask, other);
-        sigaction(sig, &sa, nullptr);
+        for (const int *other = guard_signals; *other != 0; other++)
+            if (*other != *sig) sigaddset(&sa.sa_mask, *other);
+        sigaction(*sig, &sa, nullptr);
     }
     atexit(guard_remove_all);
 }
@@ -138,6 +147,69 @@ mail_me *mail_stream_to_tmpfile(FILE *in)
         return nullptr;
     }
     return me;
+}
+
+mail_me *mail_stream_headers(FILE *in)
+{
+    mail_me *me = (mail_me *)calloc(1, sizeof(*me));
+    if (me == nullptr) {
+        halyx_log(LOG_ERR, "cannot allocate memory for mail data structure");
+        return nullptr;
+    }
+    me_header_init(&me->headers);
+    if (mail_header_read(in, me) != 0) {
+        halyx_log(LOG_ERR, "cannot parse the e-mail's envelope.");
+        mail_me_free(me);
+        return nullptr;
+    }
+    return me;
+}
+
+namespace
+{
+
+/* Edited - mail_stream_edited's cookie: the header block as written, then the input */
+struct Edited {
+    char *head;
+    size_t size, at;
+    FILE *rest;
+};
+
+ssize_t edited_read(void *cookie, char *buf, size_t size)
+{
+    auto *e = static_cast<Edited *>(cookie);
+    if (e->at < e->size) {
+        size_t n = e->size - e->at < size ? e->size - e->at : size;
+        memcpy(buf, e->head + e->at, n);
+        e->at += n;
+        return (ssize_t)n;
+    }
+    size_t n = fread(buf, 1, size, e->rest);
+    return n == 0 && ferror(e->rest) ? -1 : (ssize_t)n;
+}
+
+int edited_close(void *cookie)
+{
+    auto *e = static_cast<Edited *>(cookie);
+    free(e->head);
+    free(e);
+    return 0;
+}
+
+} // namespace
+
+FILE *mail_stream_edited(mail_me *me, FILE *in)
+{
+    auto *e = (Edited *)calloc(1, sizeof(Edited));
+    if (e == nullptr) return nullptr;
+    e->rest = in;
+    FILE *head = open_memstream(&e->head, &e->size);
+    bool ok = head != nullptr && mail_header_write(head, me) == 0;
+    if (head != nullptr) ok = fclose(head) == 0 && ok;
+    cookie_io_functions_t io = {edited_read, nullptr, nullptr, edited_close};
+    FILE *out = ok ? fopencookie(e, "r", io) : nullptr;
+    if (out == nullptr) edited_close(e);
+    return out;
 }
 
 int mail_tmpfile_replace(mail_me *me)

@@ -90,17 +90,18 @@ std::string address_text(const sockaddr *addr)
     char text[INET6_ADDRSTRLEN] = "";
     if (addr != nullptr && addr->sa_family == AF_INET)
         inet_ntop(AF_INET, &((const sockaddr_in *)addr)->sin_addr, text, sizeof(text));
-    else if (addr != nullptr && addr->sa_family == AF_INET6)
-        inet_ntop(AF_INET6, &((const sockaddr_in6 *)addr)->sin6_addr, text, sizeof(text));
+    else if (addr != nullptr && addr->sa_family == AF_INET6) {
+        const in6_addr &a = ((const sockaddr_in6 *)addr)->sin6_addr;
+        /* an IPv4 peer of an IPv6 socket is named as the IPv4 address it is */
+        if (IN6_IS_ADDR_V4MAPPED(&a))
+            inet_ntop(AF_INET, &a.s6_addr[12], text, sizeof(text));
+        else
+            inet_ntop(AF_INET6, &a, text, sizeof(text));
+    }
     return text;
 }
 
-} // namespace keyseal_milter
-
-using namespace keyseal_milter;
-
-/* accept - the one libmilter's listener calls: a refused peer never reaches the library */
-extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
+int filter_accept(int fd, sockaddr *addr, socklen_t *len)
 {
     sockaddr_storage peer;
     socklen_t peer_len = sizeof(peer);
@@ -133,9 +134,7 @@ extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
     return conn;
 }
 
-/* read - the one libmilter reads its connections with: a connection that sends what the
- * library cannot take apart safely is ended here, as if its peer had reset it */
-extern "C" ssize_t read(int fd, void *buf, size_t count)
+ssize_t filter_read(int fd, void *buf, size_t count)
 {
     ssize_t n = syscall(SYS_read, fd, buf, count);
     if (n <= 0 || fd < 0 || fd >= PEERS || !peers[fd].tracked) return n;
@@ -146,17 +145,10 @@ extern "C" ssize_t read(int fd, void *buf, size_t count)
     return -1;
 }
 
-extern "C" int close(int fd)
+int filter_close(int fd)
 {
     if (fd >= 0 && fd < PEERS) peers[fd].tracked = false;
     return (int)syscall(SYS_close, fd);
 }
 
-/* sigwait - where libmilter's signal thread waits: for ever.  The owned signals are the
- * supervisor's, read from its signalfd; were the library to take one, a SIGHUP would end
- * its loop and with it the service.  Nothing else in keyseal-milter calls sigwait(). */
-extern "C" int sigwait(const sigset_t *, int *)
-{
-    for (;;)
-        pause();
-}
+} // namespace keyseal_milter

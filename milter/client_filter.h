@@ -4,17 +4,16 @@
  * the clients setting are refused, once a stop has begun nobody new is taken, and a
  * connection that sends what the library cannot take apart safely is ended.
  *
- * keyseal-milter defines calls that libmilter makes, so that a connection is judged before
- * the library sees it (compiled into the program alone, never into the library):
- *   accept()   a refused peer is closed at once and logged ("refused a connection from
- *              IP: not among clients"); the listener sees EINTR and goes on to the next
- *   read()     a connection's packets are followed; one whose macro packet holds unpaired
- *              names and values (which makes the library's macro lookup read past its
- *              list) is ended, logged, as if its peer had reset it
- *   close()    a connection's descriptor is forgotten
- *   sigwait()  libmilter's signal thread waits for ever: the signals are the supervisor's
- *              (milter/supervisor.h), and a SIGHUP taken by the library would end its loop
- * Descriptors that are not a connection pass through read() and close() untouched.
+ keyseal-milter's program defines calls that libmilter makes, each the filter's, so that a
+ * connection is judged before the library sees it:
+ *   accept()   filter_accept(): a refused peer is closed at once and logged ("refused a
+ *              connection from IP: not among clients"); the listener sees EINTR and goes on
+ *   read()     filter_read(): a connection's packets are followed; one whose macro packet
+ *              holds unpaired names and values (which makes the library's macro lookup read
+ *              past its list) is ended, logged, as if its peer had reset it (ECONNRESET)
+ *   close()    filter_close(): a connection's descriptor is forgotten
+ * Descriptors that are not a connection pass through read() and close() untouched.  Each
+ * returns as the system call it stands for.
  * client_filter_bind() names the settings to judge by (they must outlive the listener);
  * client_filter_close() refuses every new connection from then on.  Unix-socket peers are
  * judged by the socket file's permissions alone.  Thread-safe; nothing here ends the
@@ -25,6 +24,7 @@
 
 #include <string>
 #include <sys/socket.h>
+#include <sys/types.h>
 
 namespace keyseal_milter
 {
@@ -33,6 +33,10 @@ class Settings;
 
 void client_filter_bind(const Settings *settings);
 void client_filter_close();
+
+int filter_accept(int fd, sockaddr *addr, socklen_t *len);
+ssize_t filter_read(int fd, void *buf, size_t count);
+int filter_close(int fd);
 
 /* address_text - a socket address as text, "" for a family without one */
 std::string address_text(const sockaddr *addr);

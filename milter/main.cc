@@ -61,6 +61,34 @@ const char USAGE[] =
 
 } // namespace
 
+/* The calls libmilter makes that keyseal-milter answers itself (milter/client_filter.h),
+ * defined in the program alone: in the library they would stand in for the C library's in
+ * every program that links it. */
+extern "C" int accept(int fd, sockaddr *addr, socklen_t *len)
+{
+    return filter_accept(fd, addr, len);
+}
+
+extern "C" ssize_t read(int fd, void *buf, size_t count)
+{
+    return filter_read(fd, buf, count);
+}
+
+extern "C" int close(int fd)
+{
+    return filter_close(fd);
+}
+
+/* sigwait - where libmilter's signal thread waits: for ever.  The owned signals are the
+ * supervisor's, read from its signalfd (milter/supervisor.h); were the library to take
+ * one, a SIGHUP would end its loop and with it the service.  Nothing else in
+ * keyseal-milter calls sigwait(). */
+extern "C" int sigwait(const sigset_t *, int *)
+{
+    for (;;)
+        pause();
+}
+
 int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) {

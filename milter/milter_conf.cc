@@ -2,6 +2,7 @@
 
 #include "conf/hlx_conf.h"
 #include "dkim/dk_key.h"
+#include "net/ip_util.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -94,19 +95,29 @@ std::vector<std::string> field_list(const std::vector<std::string> &names, const
     return names;
 }
 
-/* network_list - the clients: addresses or networks in the whitelist's notation; an
- * address without a prefix is that one address (the whitelist's bare IPv6 word admits
- * every IPv6 client, which no list of trusted peers should) */
+/* network_list - the clients: ADDRESS/PREFIX, the prefix read as a prefix (0: every address
+ * of the family), or an address alone, that one address.  The whitelist's notation reads
+ * otherwise (its bare IPv6 word admits every IPv6 client, its IPv4 prefix 0 one address),
+ * so the words are checked here, and a prefix that is no number is refused rather than
+ * read as 0. */
 std::vector<halyx::net::IPAnyNetwork> network_list(std::vector<std::string> &names,
                                                    const std::string &at)
 {
     std::vector<halyx::net::IPAnyNetwork> out;
     for (auto &n : names) {
-        std::string word = n;
-        if (word.find('/') == std::string::npos)
-            word += word.find(':') != std::string::npos ? "/128" : "/32";
+        size_t slash = n.find('/');
+        std::string word = n, prefix = slash == std::string::npos ? "" : n.substr(slash + 1);
+        bool v6 = n.find(':') != std::string::npos;
+        if (slash == std::string::npos) word += v6 ? "/128" : "/32";
         halyx::net::IPAnyNetwork net(word);
-        if (net.family() == AF_UNSPEC) throw ConfigError(at + "'" + n + "' is no network");
+        bool number = !prefix.empty() && prefix.size() <= 3 &&
+                      prefix.find_first_not_of("0123456789") == std::string::npos;
+        if (net.family() == AF_UNSPEC || (slash != std::string::npos && !number) ||
+            (number && std::stoi(prefix) > (v6 ? 128 : 32)))
+            throw ConfigError(at + "'" + n + "' is no network");
+        /* such a peer is matched as the IPv4 address it carries */
+        if (v6 && inSubnet(net.addr_string().c_str(), "::ffff:0.0.0.0", 96))
+            throw ConfigError(at + "'" + n + "' is an IPv4 client: write its IPv4 address");
         out.push_back(net);
     }
     return out;
@@ -169,7 +180,7 @@ std::string Config::socket_file() const
 bool Config::client_allowed(const std::string &ip) const
 {
     for (const auto &n : client_networks)
-        if (n.contains(ip)) return true;
+        if (n.contains_prefix(ip)) return true;
     return false;
 }
 

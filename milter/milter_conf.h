@@ -68,7 +68,8 @@ struct Config {
     /* socket_file - the file of a unix socket, "" for an inet one (whose socket always
      * names its host: load() gives inet:PORT its loopback address) */
     std::string socket_file() const;
-    /* client_allowed - an inet peer's address is inside clients */
+    /* client_allowed - an inet peer's address is inside clients (an IPv4 peer of an IPv6
+     * socket, ::ffff:a.b.c.d, as a.b.c.d) */
     bool client_allowed(const std::string &ip) const;
     /* settings - the effective settings as "name value" lines, as --check-config prints */
     std::string settings() const;

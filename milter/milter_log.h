@@ -13,7 +13,8 @@
 #define MILTER_LOG_TEMPFAIL "%s: not signed: %s; temporary failure (strict)"
 #define MILTER_LOG_PERMANENT                                                                       \
     "%s: not signed: %s; a retry would fail the same way, so the message passes unsigned"
-/* queue id, why one selector of two gave no signature */
+/* queue id, which selector of two gave no signature and why: the engine's
+ * DK_SELECTOR_FAILED, "selector S (KEY FILE): why" */
 #define MILTER_LOG_PARTIAL "%s: signed, but not with every selector: %s"
 #define MILTER_LOG_NULL_SENDER "%s: null sender (a bounce): not given to the handler"
 /* queue id, the envelope sender's domain as the client gave it */

@@ -94,8 +94,9 @@ std::string encode(const Job &job)
     Writer w;
     w.out += JOB_TAG;
     w.text(job.queue_id), w.text(job.from), w.text(job.domain), w.text(job.context);
-    w.list(job.to), w.list(job.env), w.list(job.selectors), w.list(job.headers);
-    w.list(job.oversign);
+    w.list(job.to);
+    w.number(job.local ? 1 : 0), w.text(job.auth), w.text(job.client);
+    w.list(job.selectors), w.list(job.headers), w.list(job.oversign);
     return w.out;
 }
 
@@ -104,9 +105,12 @@ bool decode(std::string_view in, Job &job)
     Reader r{in};
     r.tag(JOB_TAG);
     job.queue_id = r.text(), job.from = r.text(), job.domain = r.text(), job.context = r.text();
-    r.list(job.to), r.list(job.env), r.list(job.selectors), r.list(job.headers);
-    r.list(job.oversign);
-    return r.whole();
+    r.list(job.to);
+    uint32_t local = r.number();
+    job.local = local == 1;
+    job.auth = r.text(), job.client = r.text();
+    r.list(job.selectors), r.list(job.headers), r.list(job.oversign);
+    return r.whole() && local <= 1;
 }
 
 std::string encode(const Result &result)

@@ -1,14 +1,14 @@
 /*
  * records - what travels between keyseal-milter and its workers: a Job (one message's
- * handler arguments and environment, and how to sign) and its Result (signed, skipped or
+ * handler arguments and policy inputs, and how to sign) and its Result (signed, skipped or
  * failed), each with one encoder and one decoder.
  *
  * The encoding is a tag byte, then fields in a fixed order: a number is four bytes
- * (little-endian), a text its length as a number and its bytes, a list its count and its
- * items.  No field is delimited by a byte a field may hold, so no text can end one field
- * or start another.  encode() cannot fail; decode() returns false for anything but one
- * whole record of its kind (truncated, trailing bytes, a count beyond the bytes left),
- * leaving the record in an unspecified state.  Pure functions: no I/O, nothing logged.
+ * (little-endian), a flag a number 0 or 1, a text its length as a number and its bytes, a
+ * list its count and its items.  No field is delimited by a byte a field may hold, so no text can
+ * end one field or start another.  encode() cannot fail; decode() returns false for anything but
+ * one whole record of its kind (truncated, trailing bytes, a count beyond the bytes left), leaving
+ * the record in an unspecified state.  Pure functions: no I/O, nothing logged.
  */
 #ifndef KEYSEAL_MILTER_RECORDS_H
 #define KEYSEAL_MILTER_RECORDS_H
@@ -27,7 +27,10 @@ struct Job {
     std::string domain;   /* the signing domain the engine is given (lower case) */
     std::string context;  /* the handler's CONTEXT */
     std::vector<std::string> to;
-    std::vector<std::string> env;       /* NAME=VALUE: the policy variables */
+    /* the policy inputs, as the chain's PPP_INSIDE_SENDMAIL, SMTP_AUTHORIZED, TCPREMOTEIP */
+    bool local = false;                 /* submitted on the server itself */
+    std::string auth;                   /* the SASL login name; "": none */
+    std::string client;                 /* the SMTP client's address; "": none (or local) */
     std::vector<std::string> selectors; /* one signature each, in this order */
     std::vector<std::string> headers;   /* the fields signed when present */
     std::vector<std::string> oversign;  /* the fields signed once more than they occur */

@@ -3,6 +3,7 @@
 #include "milter/align.h"
 #include "milter/client_filter.h"
 #include "milter/helper.h"
+#include "milter/job.h"
 #include "milter/milter_log.h"
 #include "milter/supervisor.h"
 #include "milter/verdict.h"
@@ -301,21 +302,6 @@ sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const 
     return SMFIS_CONTINUE;
 }
 
-/* signing_domain - the envelope sender's domain; with signing_domain header, the single
- * From: address's domain instead where it has a key */
-std::string signing_domain(const Session &s)
-{
-    const Config &c = *s.config;
-    if (c.signing_domain != SigningDomain::HEADER || s.from.size() != 1 || s.from[0].empty())
-        return s.domain;
-    const std::string &d = s.from[0];
-    char *path = dk_key_path(d.c_str(), c.selectors_for(d).front().c_str());
-    struct stat st;
-    bool key = stat(path, &st) == 0;
-    free(path);
-    return key ? d : s.domain;
-}
-
 /* check_alignment - a warning when the signature will not count for the From: domain */
 void check_alignment(const Session &s, const std::string &id, const std::string &d)
 {
@@ -328,23 +314,11 @@ void check_alignment(const Session &s, const std::string &id, const std::string 
                   s.from[0].empty() ? "no domain" : s.from[0].c_str());
 }
 
-/* job_for - the handler's arguments and environment for the session's message */
+/* job_for - the worker's job for the session's message */
 Job job_for(const Session &s, const std::string &id)
 {
-    const Config &c = *s.config;
-    Job job;
-    job.queue_id = id;
-    job.from = s.sender;
-    job.domain = signing_domain(s);
-    job.context = c.context(job.domain);
-    job.to = s.rcpts.empty() ? std::vector<std::string>{""} : s.rcpts;
-    if (s.local) job.env.push_back(DK_ENV_SENDMAIL "=" DK_ENV_SENDMAIL_VALUE);
-    if (!s.auth.empty()) job.env.push_back(DK_ENV_AUTHORIZED "=" + s.auth);
-    if (!s.local && !s.client.empty()) job.env.push_back(DK_ENV_CLIENT "=" + s.client);
-    job.selectors = c.selectors_for(job.domain);
-    job.headers = c.headers;
-    job.oversign = c.oversign;
-    return job;
+    return make_job(*s.config,
+                    {s.sender, s.domain, s.rcpts, s.local, s.auth, s.client, s.from, id});
 }
 
 sfsistat on_eom(SMFICTX *ctx)

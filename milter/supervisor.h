@@ -7,7 +7,7 @@
  * mask), so that a signal waits, pending, until supervise() reads it from a signalfd;
  * two that arrive together, or one during a reload, are read in turn.  libmilter's own
  * signal thread waits for them with sigwait(), which keyseal-milter defines for it so
- * that it never returns (milter/client_filter.h): the library takes no signal at all.
+ * that it never returns (milter/main.cc): the library takes no signal at all.
  *
  *   signal          effect
  *   SIGHUP          reload milter.conf and the selector map; a mistake keeps the running

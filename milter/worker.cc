@@ -1,12 +1,13 @@
 #include "milter/worker.h"
 
 #include "dkim/dk_engine.h"
-#include "mailhandler/mh_handler.h"
+#include "dkim/dk_policy.h"
 #include "milter/channel.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,10 +24,13 @@ namespace keyseal_milter
 namespace
 {
 
+const char HANDLER_IDENT[] = "keyseal"; /* keyseal-admin report counts the handler's lines */
+
 /* Collect - the engine's observer: what the milter must apply, and why a run failed */
 struct Collect {
     Result result;
     int failure = 0;
+    std::string unsigned_by; /* the first selector that gave no signature, and why */
 };
 
 void collect(void *data, int event, int number, const char *text)
@@ -38,6 +42,8 @@ void collect(void *data, int event, int number, const char *text)
         c->result.signatures.push_back(text);
     else if (event == DK_EVENT_FAILED && c->failure == 0)
         c->failure = number, c->result.reason = text;
+    else if (event == DK_EVENT_UNSIGNED && c->unsigned_by.empty())
+        c->unsigned_by = text;
 }
 
 /* names - the strings as a NULL-ended list of C strings, valid while v lives */
@@ -52,57 +58,56 @@ std::vector<const char *> names(const std::vector<std::string> &v)
 
 } // namespace
 
-Result serve(const Job &job, int message_fd)
+Result serve(const Job &job, int message_fd, bool own_log)
 {
-    /* the handler's process as the chain would start it: its arguments, and an
-     * environment of the policy variables and the trace id alone */
-    std::vector<std::string> env = job.env;
-    env.push_back(std::string(HALYX_LOG_TRACE_ENV "=") + job.queue_id);
-    clearenv();
+    if (own_log) {
+        /* the handler's start-up, once: its syslog ident and level (never raised from the
+         * environment, which the chain's handler would not have been given) */
+        static bool started = false;
+        if (!started) halyx_log_init(nullptr, LOG_INFO, LOG_MAIL, HALYX_LOG_TRACE, HANDLER_IDENT);
+        started = true;
+        halyx_log_set_trace(job.queue_id.c_str());
+    }
     ERR_clear_error();
-    for (std::string &e : env)
-        putenv(e.data());
-    std::string context = job.context, from = job.from;
-    std::vector<std::string> to = job.to;
-    std::vector<char *> argv{(char *)"keyseal", context.data(), from.data()};
-    for (std::string &r : to)
-        argv.push_back(r.data());
-    argv.push_back(nullptr);
 
     Collect c;
-    mh_handler_context ctx;
     FILE *in = nullptr;
     int status = DK_ENGINE_FAILED;
-    if (mh_handler_prepare(&ctx, (int)argv.size() - 1, argv.data()) != 0) {
-        halyx_log(LOG_ERR, DK_LOG_INIT_FAILED);
-        c.failure = DK_FAIL_SPOOL, c.result.reason = DK_LOG_INIT_FAILED;
-    } else if (lseek(message_fd, 0, SEEK_SET) != 0 || (in = fdopen(message_fd, "r")) == nullptr) {
+    if (lseek(message_fd, 0, SEEK_SET) != 0 || (in = fdopen(message_fd, "r")) == nullptr) {
         c.failure = DK_FAIL_SPOOL,
         c.result.reason = std::string("cannot read the message: ") + strerror(errno);
     } else {
         std::vector<const char *> selectors = names(job.selectors), headers = names(job.headers),
                                   oversign = names(job.oversign);
+        dk_policy_inputs policy = {job.local ? DK_ENV_SENDMAIL_VALUE : nullptr,
+                                   job.auth.empty() ? nullptr : job.auth.c_str(),
+                                   job.client.empty() ? nullptr : job.client.c_str()};
+        /* the helper's time limit; SIGHUP, sent to the whole service, stays ignored */
+        static const int time_limit[] = {SIGTERM, 0};
         dk_engine_job ej = {};
         ej.selectors = job.selectors.empty() ? nullptr : selectors.data();
         ej.by_key_type = 1;
         ej.sign_headers = job.headers.empty() ? nullptr : headers.data();
         ej.oversign = oversign.data();
         ej.from_domain = job.domain.c_str();
-        ej.context = ctx.context;
+        ej.context = job.context.c_str();
         ej.in = in;
         ej.observe = collect;
         ej.data = &c;
+        ej.policy = &policy;
+        ej.guard_signals = time_limit;
+        ej.in_place = 1; /* the message file is read once: no spool file */
         status = dk_engine_run(&ej);
     }
     if (in != nullptr)
         fclose(in);
     else
         close(message_fd);
-    clearenv(); /* before the strings it points into go */
 
     Result &r = c.result;
     if (status == DK_ENGINE_SIGNED && !r.signatures.empty()) {
         r.verdict = Verdict::SIGNED;
+        if (!c.unsigned_by.empty()) r.reason = c.unsigned_by;
     } else if (status == DK_ENGINE_SKIPPED) {
         r.verdict = Verdict::SKIPPED;
     } else {

@@ -2,11 +2,13 @@
  * worker - the handler's service for one message at a time, in a worker process that
  * keyseal-milter's helper (milter/pool.h) forked.
  *
- * serve() takes the handler's start-up (mh_handler_prepare: syslog ident "keyseal", the
- * queue id as trace id) and runs the signing engine on the message, exactly as keyseal
- * would on its standard input, then says what came of it as a Result.  Every piece of
- * the handler's state is set afresh for each message (environment, log identity,
- * OpenSSL's error queue); the engine keeps nothing between calls.
+ * serve() runs the signing engine on the message as keyseal would on its standard input,
+ * with the job's policy inputs in place of the chain's environment, and says what came of
+ * it as a Result.  The message file is signed where it stands: no spool file is made.
+ * The handler's log identity (syslog ident "keyseal", level informational) is taken on the
+ * first call of a process; each message logs under its queue id as trace id, with
+ * OpenSSL's error queue cleared; the engine keeps nothing between calls.  The process's
+ * environment is neither read nor changed for a message.
  * worker_main() is a worker's life and never returns; the process ends with _exit.
  */
 #ifndef KEYSEAL_MILTER_WORKER_H
@@ -17,8 +19,10 @@
 namespace keyseal_milter
 {
 
-/* serve - one message (read from message_fd's offset 0) through the engine */
-Result serve(const Job &job, int message_fd);
+/* serve - one message (read from message_fd's offset 0, which serve closes) through the
+ * engine; own_log false leaves the process's logging as it is (keyseal-admin test, whose
+ * lines go to its standard error) */
+Result serve(const Job &job, int message_fd, bool own_log = true);
 
 /* worker_main - jobs from the helper on sock, one at a time, up to max_use of them: each
  * a datagram with three descriptors (the encoded Job, the message, the Result's file),

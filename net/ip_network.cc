@@ -163,6 +163,12 @@ bool IPAnyNetwork::contains(const std::string &ip) const
     return address != nullptr && inSubnet(ip.c_str(), address->c_str(), prefix) != 0;
 }
 
+bool IPAnyNetwork::contains_prefix(const std::string &ip) const
+{
+    auto [address, prefix] = network_part(value);
+    return address != nullptr && ip_in_prefix(ip.c_str(), address->c_str(), prefix) != 0;
+}
+
 std::string IPAnyNetwork::addr_string() const
 {
     const std::string *address = network_part(value).first;

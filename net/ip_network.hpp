@@ -52,8 +52,9 @@ class IPAnyNetwork
     explicit IPAnyNetwork(const char *text) : IPAnyNetwork(std::string(text)) {}
     IPAnyNetwork(const std::string &address, uint16_t prefix); // IPv6 when it holds ':'
 
-    int family() const; // AF_UNSPEC for a host name
-    bool contains(const std::string &ip) const;
+    int family() const;                                // AF_UNSPEC for a host name
+    bool contains(const std::string &ip) const;        // the whitelist's rule (inSubnet)
+    bool contains_prefix(const std::string &ip) const; // a prefix as it reads (ip_in_prefix)
     std::string addr_string() const;
     std::string to_string() const; // the form written to the whitelist file
     std::string to_quoted_string() const;

@@ -44,20 +44,24 @@ void halyx_log_init(const char *location, int level, int facility, int options, 
 
     if (LogOpts & HALYX_LOG_TRACE) {
         const char *env = getenv(HALYX_LOG_TRACE_ENV);
-        if (env != nullptr && *env != '\0') {
-            snprintf(LogTraceId, sizeof(LogTraceId), "%s", env);
-        } else {
-            snprintf(LogTraceId, sizeof(LogTraceId), "%c%ld",
-                     toupper((unsigned char)program_invocation_short_name[0]), (long)getpid());
-            /* children of this run log under the same id */
-            setenv(HALYX_LOG_TRACE_ENV, LogTraceId, 1);
-        }
+        halyx_log_set_trace(env);
+        /* children of this run log under the same id */
+        if (env == nullptr || *env == '\0') setenv(HALYX_LOG_TRACE_ENV, LogTraceId, 1);
     }
 
     openlog(LogIdent, (int)(LogOpts & (LOG_PID | LOG_CONS | LOG_PERROR)), LogFacility);
     halyx_log = _halyx_utility_syslog;
     halyx_logv = _halyx_utility_syslogv;
     halyx_log_set_level(level);
+}
+
+void halyx_log_set_trace(const char *id)
+{
+    if (id != nullptr && *id != '\0')
+        snprintf(LogTraceId, sizeof(LogTraceId), "%s", id);
+    else
+        snprintf(LogTraceId, sizeof(LogTraceId), "%c%ld",
+                 toupper((unsigned char)program_invocation_short_name[0]), (long)getpid());
 }
 
 void halyx_log_set_level(int level)

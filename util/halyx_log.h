@@ -46,6 +46,10 @@ extern halyx_log_fn halyx_log;
 void halyx_log_init(const char *location, int level, int facility, int options, const char *ident);
 /* level word: bits 0-2 the level, bit 3 lets HALYX_LOG_LEVEL raise it */
 void halyx_log_set_level(int level);
+/* halyx_log_set_trace - the trace id of the lines to come, for a process that logs one run
+ * after another (keyseal-milter's worker); NULL or "" gives the process's own id, as
+ * halyx_log_init makes one.  Longer ids are cut to 63 bytes. */
+void halyx_log_set_trace(const char *id);
 
 int messlog2(int exit_status, int reserved, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));

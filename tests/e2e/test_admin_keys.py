@@ -225,16 +225,23 @@ def test_check_ed25519(admin, key, case, status, expect):
     assert (b"ok: Ed25519 key" in r.stdout) == (case != "rsa-key")
 
 
-@pytest.mark.parametrize("published,status,expect", [
-    ("own", 0, rb"ok: the signature verifies against the key published in the DNS \(Ed25519 key, "
-               rb"ed25519-sha256\)"),
-    ("other", 1, rb"error: the signature does not verify"),
+@pytest.mark.parametrize("published,conf,status,expect", [
+    ("own", None, 0, rb"ok: the signature verifies against the key published in the DNS \(Ed25519 key, "
+                     rb"ed25519-sha256\)"),
+    ("other", None, 1, rb"error: the signature does not verify"),
+    # keyseal-milter's own header set, as its settings give it, and no over-signing
+    ("own", "headers From Subject\noversign none\n", 0,
+     rb"note: signed fields \(h=\): From:Subject\n(.*\n)*ok: the signature verifies"),
 ])
-def test_self_test_ed25519_signs_as_the_milter(admin, published, status, expect):
+def test_self_test_ed25519_signs_as_the_milter(admin, published, conf, status, expect):
     pem, public = ed25519_key()
     admin.put_key("example.com", "default", pem)
     admin.nsd.serve("example.com", txt(b"v=DKIM1; k=ed25519; p=" + (
         public if published == "own" else ed25519_key()[1])))
+    if conf is not None:
+        os.makedirs(os.path.join(admin.root, "keyseal"))
+        with open(os.path.join(admin.root, "keyseal", "milter.conf"), "w") as f:
+            f.write(conf)
     r = admin.run_admin(["test", "example.com"])
     assert (r.status, admin.spool()) == (status, []), r.stdout + r.stderr
     assert b"note: signing as keyseal-milter signs" in r.stdout and re.search(expect, r.stdout), r.stdout

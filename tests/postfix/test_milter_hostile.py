@@ -43,10 +43,11 @@ def listening_inode(where):
             if len(f) >= 8 and f[7] == where[5:] and int(f[3], 16) & 0x10000:  # accepts connections
                 return f[6]
         return None
-    port = int(re.match(r"inet:(\d+)", where).group(1))
-    for f in (line.split() for line in open("/proc/net/tcp").read().splitlines()[1:]):
-        if f[3] == "0A" and int(f[1].split(":")[1], 16) == port:
-            return f[9]
+    port = int(re.match(r"inet6?:(\d+)", where).group(1))
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        for f in (line.split() for line in open(table).read().splitlines()[1:]):
+            if f[3] == "0A" and int(f[1].rsplit(":", 1)[1], 16) == port:
+                return f[9]
     return None
 
 
@@ -222,6 +223,9 @@ def test_the_sender_domain_as_postfix_compares_it(lab, start, sender, domain):
     ("inet:%d@0.0.0.0" % PORT, "127.0.0.0/8 10.0.0.5/32", "10.0.0.6", "127.0.0.1", "refused"),
     ("inet:%d@0.0.0.0" % PORT, "127.0.0.0/8 10.0.0.5/32", "10.0.0.5", "10.0.0.5", "signed"),
     ("inet:%d@10.0.0.5" % PORT, "10.0.0.6/32", "10.0.0.6", "10.0.0.5", "signed"),
+    ("inet:%d@0.0.0.0" % PORT, "0.0.0.0/0", "10.0.0.6", "10.0.0.5", "signed"),  # every IPv4 peer
+    # an IPv4 peer of an IPv6 socket (::ffff:10.0.0.5) is matched as its IPv4 address
+    ("inet6:%d@::" % PORT, "10.0.0.5", "10.0.0.5", "10.0.0.5", "signed"),
 ])
 def test_an_inet_socket_serves_only_its_clients(lab, start, listen, clients, source, to, outcome):
     start(f"clients {clients}\n" if clients else "", listen)

@@ -33,6 +33,10 @@ TEST(MilterConf, SettingsAndMistakesByLine)
         {"workers 0\n", ":1: workers takes a number from 1 to 1000", ""},
         {"workers 12x\n", ":1: workers takes a number from 1 to 1000", ""},
         {"clients 10.0.0.0/8 relay\n", ":1: 'relay' is no network", ""},
+        /* the whitelist's reader takes an unreadable prefix as 0: here that would be everyone */
+        {"clients 10.0.0.0/x\n", ":1: '10.0.0.0/x' is no network", ""},
+        {"clients 10.0.0.0/33\n", ":1: '10.0.0.0/33' is no network", ""},
+        {"clients ::ffff:10.0.0.5\n", ":1: '::ffff:10.0.0.5' is an IPv4 client", ""},
         {"headers To Subject\n", ":1: headers must name From", ""},
         {"headers From X:Y\n", ":1: 'X:Y' is no header field name", ""},
         {"signing_domain from\n", ":1: signing_domain takes envelope or header", ""},
@@ -65,15 +69,20 @@ TEST(MilterConf, SettingsAndMistakesByLine)
     write_file(map, "../x s1\n");
     EXPECT_THROW(keyseal_milter::load(conf), ConfigError);
 
-    /* a port alone listens on loopback; clients admit by network, an address alone is one */
+    /* a port alone listens on loopback; clients admit by network, an address alone is one,
+     * a prefix of 0 the whole family; an IPv4 peer of an IPv6 socket is its IPv4 address */
+    const std::string unix_socket = MILTER_DEFAULT_SOCKET;
     const struct {
         std::string text, socket, allowed, refused;
     } nets[] = {
         {"socket inet:8891\n", "inet:8891@127.0.0.1", "127.0.0.1", "10.0.0.6"},
         {"socket inet:8891@0.0.0.0\nclients 10.0.0.5 127.0.0.0/8\n", "inet:8891@0.0.0.0",
          "10.0.0.5", "10.0.0.6"},
-        {"clients 2001:db8::1\n", "unix:/var/spool/postfix/keyseal/milter.sock", "2001:db8::1",
-         "2001:db8::2"},
+        {"clients 2001:db8::1\n", unix_socket, "2001:db8::1", "2001:db8::2"},
+        {"clients 0.0.0.0/0\n", unix_socket, "203.0.113.9", "2001:db8::1"},
+        {"clients ::/0\n", unix_socket, "2001:db8::1", "::ffff:10.0.0.5"},
+        {"clients 10.0.0.0/8\n", unix_socket, "::ffff:10.1.2.3", "::ffff:11.0.0.1"},
+        {"clients 192.0.2.0/25\n", unix_socket, "192.0.2.127", "192.0.2.128"},
     };
     for (const auto &n : nets) {
         SCOPED_TRACE(n.text);

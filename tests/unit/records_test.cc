@@ -9,9 +9,17 @@ namespace
 
 using namespace keyseal_milter;
 
-const Job FULL{"4F2A1B3C",        "ann@example.com",   "example.com",
-               "dkimsel=default", {"bob@example.net"}, {"SMTP_AUTHORIZED=ann"},
-               {"s1", "ed1"},     {"From", "To"},      {"From"}};
+const Job FULL{"4F2A1B3C",
+               "ann@example.com",
+               "example.com",
+               "dkimsel=default",
+               {"bob@example.net"},
+               false,
+               "ann",
+               "192.0.2.7",
+               {"s1", "ed1"},
+               {"From", "To"},
+               {"From"}};
 
 TEST(Records, JobsRoundTripFieldForField)
 {
@@ -19,14 +27,26 @@ TEST(Records, JobsRoundTripFieldForField)
         {},
         FULL,
         /* an empty word followed by what looks like a variable is still a recipient */
-        {"Q1", "x@example.com", "example.com", "", {"", "PPP_INSIDE_SENDMAIL=1"}, {}, {}, {}, {}},
+        {"Q1",
+         "x@example.com",
+         "example.com",
+         "",
+         {"", "PPP_INSIDE_SENDMAIL=1"},
+         true,
+         "",
+         "",
+         {},
+         {},
+         {}},
         /* bytes a separator-based encoding would split on */
         {std::string("a\0b", 3),
          "\n\r\t",
          "d",
          std::string(1, '\0'),
          {std::string(70000, 'r')},
-         {"A=\0B"},
+         true,
+         std::string("A\0B", 3),
+         "\xff",
          {"s"},
          {},
          {}},
@@ -94,6 +114,9 @@ TEST(Records, OnlyOneWholeRecordDecodes)
         {"a job read as a result", job, false},
         {"a list count beyond the bytes left",
          cat({"J", std::string(16, '\0'), std::string("\xff\xff\xff\x0f", 4)}), true},
+        {"local 2: a flag is 0 or 1",
+         cat({"J", std::string(20, '\0'), std::string("\x02\0\0\0", 4), std::string(20, '\0')}),
+         true},
         {"verdict 0", cat({"R", std::string(16, '\0')}), false},
         {"verdict 4", cat({"R", std::string("\x04\0\0\0", 4), std::string(12, '\0')}), false},
         {"retry 2", cat({"R", std::string("\x01\0\0\0\x02\0\0\0", 8), std::string(12, '\0')}),
