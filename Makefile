@@ -6,7 +6,8 @@
 #   make deb             dist/keyseal_VERSION_ARCH.deb
 #   make bench           measure keyseal against its peers and floors
 #   make fuzz            run every fuzz target for FUZZ_SECONDS (libFuzzer, clang)
-#   make check-debian13  make demo and make check in a fresh Debian 13 root (needs the archive)
+#   make check-debian12  make demo and make check in a fresh minimal Debian 12 root (needs the archive)
+#   make check-debian13  the same in a fresh Debian 13 root
 
 PREFIX  ?= /usr/local
 BUILD   ?= build
@@ -33,9 +34,9 @@ TEST_SERVERS = nsd rsyslog postfix opendkim rspamd
 # its own namespace)
 BENCH_PACKAGES = libmail-dkim-perl opendkim rspamd
 FUZZ_PACKAGES = clang
-DEBIAN13_PACKAGES = debootstrap
+DEBIAN_ROOT_PACKAGES = debootstrap
 
-.PHONY: all deps build build-asan check demo install uninstall deb bench fuzz check-debian13 clean format
+.PHONY: all deps build build-asan check demo install uninstall deb bench fuzz check-debian12 check-debian13 clean format
 
 all: build
 
@@ -110,9 +111,9 @@ fuzz: deps
 		grep -E 'DONE|stat::number_of_executed_units' $(FUZZ)/fuzz_$$t.log; \
 	done
 
-check-debian13:
-	@$(MAKE) deps DEB_PACKAGES="$(DEBIAN13_PACKAGES)"
-	@sh sandbox/debian13.sh $(CURDIR)
+check-debian12 check-debian13:
+	@$(MAKE) deps DEB_PACKAGES="$(DEBIAN_ROOT_PACKAGES)"
+	@sh sandbox/debian-root.sh $(CURDIR) $(if $(filter check-debian12,$@),bookworm,trixie)
 
 clean:
 	rm -rf $(BUILD) $(ASAN) $(PKG) $(FUZZ) dist
