@@ -521,26 +521,23 @@ void reload()
     halyx_log(LOG_INFO, MILTER_LOG_RELOADED, config_path.c_str());
 }
 
-/* ended_how - a wait status in words, for the log */
-std::string ended_how(int status)
-{
-    if (WIFSIGNALED(status)) return std::string("killed by SIG") + sigabbrev_np(WTERMSIG(status));
-    return "exit status " + std::to_string(WEXITSTATUS(status));
-}
-
 /* supervise - the main thread's work until the end: signals, and a helper that dies is
- * replaced.  A helper that cannot be kept alive (five ends in a minute, or none starts)
- * ends the process with status 1, so that the service manager restarts the whole. */
-[[noreturn]] void supervise(pid_t helper_pid, int pidfd)
+ * replaced (milter/helper.h).  A helper that cannot be started ends the process with
+ * status 1, so that the service manager restarts the whole. */
+[[noreturn]] void supervise()
 {
     using Clock = std::chrono::steady_clock;
-    std::vector<Clock::time_point> ends;
     int status = 0;
     Clock::time_point quiet_since;
     Clock::time_point deadline;
+    Clock::time_point restart_at;
+    bool restarting = false;
     for (;;) {
-        pollfd fds[2] = {{signal_pipe[0], POLLIN, 0}, {pidfd, POLLIN, 0}};
-        if (poll(fds, 2, stopping ? 100 : -1) < 0 && errno != EINTR) break;
+        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(restart_at - Clock::now());
+        int timeout = restarting ? (int)std::max<long>(wait.count(), 0) : -1;
+        if (stopping && (timeout < 0 || timeout > 100)) timeout = 100;
+        pollfd fds[2] = {{signal_pipe[0], POLLIN, 0}, {helper.pidfd(), POLLIN, 0}};
+        if (poll(fds, 2, timeout) < 0 && errno != EINTR) break;
         char sigs[16];
         ssize_t n = fds[0].revents ? read(signal_pipe[0], sigs, sizeof(sigs)) : 0;
         for (ssize_t i = 0; i < n; i++) {
@@ -563,19 +560,13 @@ std::string ended_how(int status)
             quiet_since = Clock::now();
         }
         if (fds[1].revents) {
-            int st = 0;
-            waitpid(helper_pid, &st, 0);
-            close(pidfd);
-            auto now = Clock::now();
-            ends.push_back(now);
-            std::erase_if(ends,
-                          [&](Clock::time_point t) { return now - t > std::chrono::minutes(1); });
-            halyx_log(LOG_ERR, MILTER_LOG_HELPER_ENDED, (int)helper_pid, ended_how(st).c_str());
-            pidfd = -1;
-            helper_pid = ends.size() < 5 ? helper.start(pidfd) : -1;
-            if (helper_pid < 0 || pidfd < 0) {
-                halyx_log(LOG_ERR, "cannot keep a signing helper running; stopping so that the "
-                                   "service restarts");
+            restart_at = Clock::now() + std::chrono::milliseconds(helper.ended());
+            restarting = true;
+        }
+        if (restarting && Clock::now() >= restart_at) {
+            restarting = false;
+            if (helper.restart() != 0) {
+                halyx_log(LOG_ERR, MILTER_LOG_HELPER_FAILED, strerror(errno));
                 status = 1;
                 break;
             }
@@ -726,10 +717,8 @@ int main(int argc, char **argv)
         sigaction(sig, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    int pidfd = -1;
     fflush(nullptr);
-    pid_t helper_pid = helper.start(pidfd);
-    if (helper_pid < 0 || pidfd < 0) {
+    if (helper.start() != 0) {
         halyx_log(LOG_ERR, "cannot start the signing helper: %s", strerror(errno));
         return 1;
     }
@@ -750,5 +739,5 @@ int main(int argc, char **argv)
     halyx_log(LOG_INFO, "listening on %s (selector %s, %s, time limit %d s, workers %d)",
               config.socket.c_str(), config.selector.front().c_str(),
               config.strict ? "strict" : "fail open", config.timeout, config.workers);
-    supervise(helper_pid, pidfd);
+    supervise();
 }

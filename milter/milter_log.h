@@ -32,6 +32,11 @@
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
 /* pid, how it ended */
 #define MILTER_LOG_HELPER_ENDED "the signing helper (pid %d) ended (%s); starting a new one"
+/* pid, how many helpers were started after the first */
+#define MILTER_LOG_HELPER_STARTED "started a new signing helper (pid %d; restart %u)"
+/* why (strerror) */
+#define MILTER_LOG_HELPER_FAILED                                                                   \
+    "cannot start a new signing helper: %s; stopping so that the service restarts"
 #define MILTER_LOG_RELOADED "reloaded %s"
 /* "FILE:LINE: why" */
 #define MILTER_LOG_RELOAD_FAILED "%s; keeping the running settings"

@@ -40,37 +40,47 @@ enum {
 
 using Clock = std::chrono::steady_clock;
 
-/* Task - a job request in the helper's hands: its three files until a worker has them, and the
- * done pipe until the job is over */
+/* Task - a job request in the helper's hands: its datagram and descriptors until a worker
+ * has them, and its own copy of the done pipe until the job is over */
 struct Task {
-    int files[3] = {-1, -1, -1}; /* the encoded Job, the message, the Result's file */
-    int done = -1;
+    std::string request; /* the datagram, passed on as it came */
+    int fds[REQUEST_FDS_MAX] = {-1, -1, -1};
+    int count = 0; /* descriptors that came with it */
     Clock::time_point deadline;
     uint32_t timeout = 0;
 
-    void close_files()
+    int done() const { return fds[REQUEST_DONE]; }
+    /* hand_over - the worker has its own copies now: the message and job files go */
+    void hand_over()
     {
-        for (int &fd : files)
-            if (fd >= 0) close(fd), fd = -1;
+        for (int i : {REQUEST_MESSAGE, REQUEST_JOB})
+            if (fds[i] >= 0) close(fds[i]), fds[i] = -1;
     }
-    /* finish - the job is over: the milter reads the Result file, or failure when given */
+    /* finish - the job is over: the worker wrote its Result, or failure is written here */
     void finish(const Result *failure)
     {
-        close_files();
+        hand_over();
+        int &done = fds[REQUEST_DONE];
         if (done < 0) return;
         if (failure != nullptr) {
-            std::string out = encode(*failure);
+            std::string out = frame(encode(*failure));
             write_all(done, out.data(), out.size());
         }
         close(done);
         done = -1;
+    }
+    /* drop - in a new worker: none of this is its own */
+    void drop()
+    {
+        for (int fd : fds)
+            if (fd >= 0) close(fd);
     }
 };
 
 struct Process {
     pid_t pid;
     int sock; /* the helper's end of the worker's socket */
-    Task job; /* busy: the job it serves (done >= 0) */
+    Task job; /* busy: the job it serves (its done pipe open) */
     bool busy = false;
     bool termed = false;    /* SIGTERM sent for the time limit */
     bool hung_up = false;   /* its end closed: it is ending, to be reaped */
@@ -98,6 +108,16 @@ void warm_up()
     BIO_free(pem);
     EVP_PKEY_free(key);
     tzset(); /* syslog's time stamps: /etc/localtime, read once */
+}
+
+/* call_me_worker - the command line says POOL_WORKER_ARGUMENT from here on: the argument's
+ * bytes, which follow the program name's in the process's memory, written over in place */
+void call_me_worker()
+{
+    static_assert(sizeof(POOL_WORKER_ARGUMENT) == sizeof(POOL_ARGUMENT));
+    char *arg = program_invocation_name + strlen(program_invocation_name) + 1;
+    if (strcmp(arg, POOL_ARGUMENT) == 0)
+        memcpy(arg, POOL_WORKER_ARGUMENT, sizeof(POOL_WORKER_ARGUMENT));
 }
 
 struct Pool {
@@ -138,10 +158,11 @@ struct Pool {
         close(sigfd);
         for (Process &w : workers) {
             close(w.sock);
-            if (w.busy) w.job.close_files(), close(w.job.done);
+            if (w.busy) w.job.drop();
         }
         for (Task &j : waiting)
-            j.close_files(), close(j.done);
+            j.drop();
+        call_me_worker();
     }
 
     /* start_worker - a new idle worker, the last in workers; false if none could be made */
@@ -183,12 +204,13 @@ struct Pool {
                 if (workers.size() >= cap || !start_worker()) return false;
                 w = workers.end() - 1;
             }
-            if (send_fds(w->sock, "J", 1, job.files, 3) == 0) {
-                job.close_files(); /* the worker has them now */
-                w->job = job;
+            if (send_fds(w->sock, job.request.data(), job.request.size(), job.fds, job.count) ==
+                0) {
+                job.hand_over();
+                w->job = std::move(job);
                 w->busy = true;
                 w->termed = false;
-                job.done = -1;
+                job.fds[REQUEST_DONE] = -1;
                 return true;
             }
             kill(w->pid, SIGKILL); /* a worker that cannot take it is of no use */
@@ -203,22 +225,24 @@ struct Pool {
             waiting.pop_front();
     }
 
-    /* answered - what a busy worker said: "D" its Result is written; "E" the same, and it
-     * ends.  Its end closed, it died: the reaping tells the milter. */
+    /* answered - what a busy worker said: DONE, its Result is written; LAST, the same, and
+     * it ends.  Its end closed, it died: the reaping tells the milter. */
     void answered(size_t i)
     {
         Process &w = workers[i];
         char c;
         ssize_t n = recv(w.sock, &c, 1, MSG_DONTWAIT);
         if (n < 0) return;
-        if (n == 0) {
-            w.hung_up = true;
+        Answer said;
+        if (n == 0 || !decode(std::string_view(&c, 1), said) || said == Answer::READY) {
+            w.hung_up = true; /* no word of a worker: it is ending, or is killed below */
+            if (n != 0) kill(w.pid, SIGKILL);
             return;
         }
         w.job.finish(nullptr);
         w.busy = false;
         w.used = ++jobs_done;
-        if (c != 'D') retire(i);
+        if (said == Answer::LAST) retire(i);
         dispatch_waiting();
         while (idle() > IDLE_MAX || (workers.size() > cap && idle() > 0))
             retire((size_t)(idle_worker(true) - workers.begin()));
@@ -236,14 +260,10 @@ struct Pool {
                                   [pid](const Process &p) { return p.pid == pid; });
             if (w == workers.end()) continue; /* retired */
             if (w->busy) {
-                std::string why =
-                    w->termed ? "the handler ran past the time limit of " +
-                                    std::to_string(w->job.timeout) + " s and was killed"
-                    : WIFSIGNALED(status)
-                        ? std::string("the handler was killed by SIG") +
-                              sigabbrev_np(WTERMSIG(status))
-                        : "the handler ended with status " + std::to_string(WEXITSTATUS(status));
-                Result r = retryable(why);
+                Result r =
+                    retryable(w->termed ? "the handler ran past the time limit of " +
+                                              std::to_string(w->job.timeout) + " s and was killed"
+                                        : "the handler ended (" + ended_how(status) + ")");
                 w->job.finish(&r);
             }
             retire((size_t)(w - workers.begin()));
@@ -251,26 +271,27 @@ struct Pool {
         dispatch_waiting();
     }
 
-    /* request - one job from the milter: to a worker now, or to wait for one */
-    void request()
+    /* request - one job from the milter: to a worker now, or to wait for one; false when
+     * the milter's end is closed */
+    bool request()
     {
-        char buf[64];
+        static char buf[REQUEST_BYTES_MAX];
         Task job;
-        int fds[4];
-        ssize_t n = receive_fds(requests, buf, sizeof(buf), fds, 4);
-        if (n < 0) return;
-        std::copy(fds, fds + 3, job.files);
-        job.done = fds[3];
-        Limits limits;
-        if (!decode(std::string_view(buf, (size_t)n), limits)) {
-            Result r = retryable("the request could not be read");
-            job.finish(&r);
-            return;
+        ssize_t n = receive_fds(requests, buf, sizeof(buf), job.fds, REQUEST_JOB, REQUEST_FDS_MAX,
+                                &job.count);
+        if (n < 0) return errno != ECONNRESET;
+        job.request.assign(buf, (size_t)n);
+        Request r;
+        if (!decode(job.request, r) || request_fds(r) != job.count) {
+            Result failed = retryable("the request could not be read");
+            job.finish(&failed);
+            return true;
         }
-        cap = limits.workers;
-        job.timeout = limits.timeout;
-        job.deadline = Clock::now() + std::chrono::seconds(limits.timeout);
-        if (!waiting.empty() || !dispatch(job)) waiting.push_back(job);
+        cap = r.limits.workers;
+        job.timeout = r.limits.timeout;
+        job.deadline = Clock::now() + std::chrono::seconds(r.limits.timeout);
+        if (!waiting.empty() || !dispatch(job)) waiting.push_back(std::move(job));
+        return true;
     }
 
     /* enforce - time limits: a busy worker's, and a waiting job's */
@@ -281,7 +302,7 @@ struct Pool {
             if (!w.termed && now >= w.job.deadline) {
                 kill(w.pid, SIGTERM);
                 w.termed = true;
-                w.job.deadline = now + std::chrono::seconds(POOL_KILL_GRACE);
+                w.job.deadline = now + std::chrono::seconds(KILL_GRACE);
             } else if (w.termed && now >= w.job.deadline) {
                 kill(w.pid, SIGKILL);
             }
@@ -316,6 +337,7 @@ struct Pool {
 
 void pool_main(int requests)
 {
+    prctl(PR_SET_NAME, MILTER_IDENT); /* not "exe", after the /proc/self/exe it was run as */
     halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, 0, MILTER_IDENT);
     signal(SIGPIPE, SIG_IGN);
     signal(SIGHUP, SIG_IGN); /* the milter reloads; its helper follows the milter */
@@ -328,10 +350,12 @@ void pool_main(int requests)
     sigaddset(&p.chld, SIGCHLD);
     sigprocmask(SIG_BLOCK, &p.chld, nullptr);
     p.sigfd = signalfd(-1, &p.chld, SFD_CLOEXEC | SFD_NONBLOCK);
+    std::string ready = encode(Answer::READY);
+    if (p.sigfd < 0 || send(requests, ready.data(), ready.size(), MSG_NOSIGNAL) < 0) _exit(1);
     bool open = true;
     std::vector<pollfd> fds;
     std::vector<pid_t> busy;
-    while (open || p.any_busy()) {
+    while (open || p.any_busy() || !p.waiting.empty()) {
         /* spares are made while nothing waits for the helper */
         while (open && p.idle() < SPARES && p.workers.size() < p.cap && p.start_worker()) {
         }
@@ -352,24 +376,11 @@ void pool_main(int requests)
             if (w != p.workers.end()) p.answered((size_t)(w - p.workers.begin()));
         }
         if (fds[1].revents) p.reap();
-        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-        char peek;
-        if (recv(requests, &peek, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
-            /* the milter is gone: nobody reads what is still in hand */
-            open = false;
-            Result r = retryable("keyseal-milter stopped");
-            for (Task &j : p.waiting)
-                j.finish(&r);
-            p.waiting.clear();
-            for (size_t i = p.workers.size(); i-- > 0;) {
-                if (p.workers[i].busy)
-                    kill(p.workers[i].pid, SIGTERM);
-                else
-                    p.retire(i);
-            }
-            continue;
-        }
-        p.request();
+        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR)) || p.request()) continue;
+        /* the milter closed its end: the jobs in hand are finished, no new one comes */
+        open = false;
+        for (size_t i = p.workers.size(); i-- > 0;)
+            if (!p.workers[i].busy) p.retire(i);
     }
     _exit(0);
 }

@@ -6,7 +6,7 @@ namespace keyseal_milter
 namespace
 {
 
-constexpr char JOB_TAG = 'J', RESULT_TAG = 'R', LIMITS_TAG = 'L';
+constexpr char JOB_TAG = 'J', RESULT_TAG = 'R', REQUEST_TAG = 'Q';
 
 struct Writer {
     std::string out;
@@ -135,20 +135,66 @@ bool decode(std::string_view in, Result &result)
     return r.whole();
 }
 
-std::string encode(const Limits &limits)
+std::string encode(const Request &request)
 {
     Writer w;
-    w.out += LIMITS_TAG;
-    w.number(limits.timeout), w.number(limits.workers);
+    w.out += REQUEST_TAG;
+    w.number(request.limits.timeout), w.number(request.limits.workers);
+    w.number(request.job_inline ? 1 : 0);
+    w.text(request.job_inline ? std::string_view(request.job) : std::string_view());
     return w.out;
 }
 
-bool decode(std::string_view in, Limits &limits)
+bool decode(std::string_view in, Request &request)
 {
     Reader r{in};
-    r.tag(LIMITS_TAG);
-    limits.timeout = r.number(), limits.workers = r.number();
-    return r.whole() && limits.timeout > 0 && limits.workers > 0;
+    r.tag(REQUEST_TAG);
+    request.limits.timeout = r.number(), request.limits.workers = r.number();
+    uint32_t job_inline = r.number();
+    request.job = r.text();
+    request.job_inline = job_inline == 1;
+    return r.whole() && request.limits.timeout > 0 && request.limits.workers > 0 &&
+           job_inline <= 1 && (request.job_inline || request.job.empty());
+}
+
+int request_fds(const Request &request)
+{
+    return request.job_inline ? REQUEST_JOB : REQUEST_FDS_MAX;
+}
+
+int answer_wait_ms(const Limits &limits)
+{
+    uint64_t ms = ((uint64_t)limits.timeout + KILL_GRACE + 5) * 1000;
+    return ms > (uint64_t)INT32_MAX ? INT32_MAX : (int)ms;
+}
+
+std::string encode(Answer answer)
+{
+    return std::string(1, (char)answer);
+}
+
+bool decode(std::string_view in, Answer &answer)
+{
+    if (in.size() != 1) return false;
+    for (Answer a : {Answer::READY, Answer::DONE, Answer::LAST})
+        if (in[0] == (char)a) return answer = a, true;
+    return false;
+}
+
+std::string frame(const std::string &record)
+{
+    Writer w;
+    w.text(record);
+    return w.out;
+}
+
+bool unframe(std::string_view in, std::string_view &record)
+{
+    Reader r{in};
+    uint32_t n = r.number();
+    if (!r.ok || r.in.size() < n) return false;
+    record = r.in.substr(0, n);
+    return true;
 }
 
 } // namespace keyseal_milter

@@ -1,7 +1,8 @@
 /*
- * records - what travels between keyseal-milter and its workers: a Job (one message's
- * handler arguments and environment, and how to sign) and its Result (signed, skipped or
- * failed), each with one encoder and one decoder.
+ * records - what travels between keyseal-milter, its helper and its workers: a Job (one
+ * message's handler arguments and environment, and how to sign), the Request that carries
+ * it with the Limits of the moment, the Answers a helper or worker gives on its socket, and
+ * the Result (signed, skipped or failed), each with one encoder and one decoder.
  *
  * The encoding is a tag byte, then fields in a fixed order: a number is four bytes
  * (little-endian), a text its length as a number and its bytes, a list its count and its
@@ -59,6 +60,44 @@ struct Limits {
     bool operator==(const Limits &) const = default;
 };
 
+/* KILL_GRACE - seconds between a worker's SIGTERM at its time limit and its SIGKILL */
+constexpr uint32_t KILL_GRACE = 5;
+
+/* answer_wait_ms - how long the milter waits for a job's Result: the time limit, the kill
+ * grace, and a little more; past that the helper is not answering at all */
+int answer_wait_ms(const Limits &limits);
+
+/* The descriptors of a request, in this order, from the milter to the helper and on from
+ * the helper to a worker: the message; the write end of the job's done pipe, on which the
+ * Result comes back framed (frame()); the encoded Job, only when it is too large to travel
+ * inline (JOB_INLINE_MAX). */
+enum RequestFd { REQUEST_MESSAGE, REQUEST_DONE, REQUEST_JOB, REQUEST_FDS_MAX };
+constexpr size_t JOB_INLINE_MAX = 16384;
+/* REQUEST_BYTES_MAX - room enough for any request datagram */
+constexpr size_t REQUEST_BYTES_MAX = JOB_INLINE_MAX + 64;
+
+/* Request - one job's datagram: its limits, and the encoded Job when inline ("" when it
+ * travels as the REQUEST_JOB file) */
+struct Request {
+    Limits limits;
+    bool job_inline = true;
+    std::string job;
+    bool operator==(const Request &) const = default;
+};
+
+/* request_fds - how many descriptors travel with the request: REQUEST_JOB or fewer */
+int request_fds(const Request &request);
+
+/* Answer - a helper's or a worker's word on its socket: the helper is READY for jobs (once,
+ * after its warm-up); a worker has written its job's Result and is DONE, or is done and
+ * ends (LAST) */
+enum class Answer : uint8_t { READY = 'R', DONE = 'D', LAST = 'E' };
+
+/* frame - a record as it goes through a pipe: its length, then its bytes */
+std::string frame(const std::string &record);
+/* unframe - the first whole frame at the start of in: true, record pointing into in */
+bool unframe(std::string_view in, std::string_view &record);
+
 /* retryable - a failed Result that a later try may cure, saying why */
 Result retryable(const std::string &why);
 
@@ -66,8 +105,10 @@ std::string encode(const Job &job);
 std::string encode(const Result &result);
 bool decode(std::string_view in, Job &job);
 bool decode(std::string_view in, Result &result);
-std::string encode(const Limits &limits);
-bool decode(std::string_view in, Limits &limits);
+std::string encode(const Request &request);
+bool decode(std::string_view in, Request &request);
+std::string encode(Answer answer);
+bool decode(std::string_view in, Answer &answer);
 
 } // namespace keyseal_milter
 

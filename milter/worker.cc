@@ -3,6 +3,7 @@
 #include "dkim/dk_engine.h"
 #include "mailhandler/mh_handler.h"
 #include "milter/channel.h"
+#include "milter/key_cache.h"
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
@@ -118,23 +119,31 @@ void worker_main(int sock, int max_use)
 {
     /* the handler's lines, under the handler's name: keyseal-admin report counts them */
     program_invocation_short_name = (char *)"keyseal";
+    key_cache_keep();
+    static char buf[REQUEST_BYTES_MAX];
     for (int served = 0; served < max_use; served++) {
-        int fd[3];
-        if (receive_fds(sock, nullptr, 0, fd, 3) < 0) _exit(0);
-        std::string encoded;
+        int fd[REQUEST_FDS_MAX] = {-1, -1, -1}, count = 0;
+        ssize_t n = receive_fds(sock, buf, sizeof(buf), fd, REQUEST_JOB, REQUEST_FDS_MAX, &count);
+        if (n < 0) _exit(0);
+        Request request;
         Job job;
         Result result;
-        if (read_file(fd[0], encoded) != 0 || !decode(encoded, job)) {
+        bool whole =
+            decode(std::string_view(buf, (size_t)n), request) && request_fds(request) == count;
+        if (whole && !request.job_inline) whole = read_file(fd[REQUEST_JOB], request.job) == 0;
+        if (!whole || !decode(request.job, job)) {
             result.reason = "the job could not be read";
-            close(fd[1]);
+            close(fd[REQUEST_MESSAGE]);
         } else {
-            result = serve(job, fd[1]);
+            result = serve(job, fd[REQUEST_MESSAGE]);
         }
-        std::string out = encode(result);
-        int written = pwrite_all(fd[2], out.data(), out.size(), 0);
-        close(fd[0]), close(fd[2]);
-        const char *answer = served + 1 < max_use ? "D" : "E";
-        if (written != 0 || send(sock, answer, 1, MSG_NOSIGNAL) != 1) _exit(0);
+        /* a milter that stopped waiting reads nothing: that is no reason to end */
+        std::string out = frame(encode(result));
+        write_all(fd[REQUEST_DONE], out.data(), out.size());
+        close(fd[REQUEST_DONE]);
+        if (fd[REQUEST_JOB] >= 0) close(fd[REQUEST_JOB]);
+        std::string answer = encode(served + 1 < max_use ? Answer::DONE : Answer::LAST);
+        if (send(sock, answer.data(), answer.size(), MSG_NOSIGNAL) != 1) _exit(0);
     }
     /* nothing is buffered and no spool file is left: no exit handler has work to do, and
      * OpenSSL's teardown would cost more than the rest */

@@ -21,9 +21,9 @@ namespace keyseal_milter
 Result serve(const Job &job, int message_fd);
 
 /* worker_main - jobs from the helper on sock, one at a time, up to max_use of them: each
- * a datagram with three descriptors (the encoded Job, the message, the Result's file),
- * answered "D" once the Result is written, or "E" for the last.  The helper gone, or a
- * datagram that is no job, and the worker ends. */
+ * a Request with its descriptors (milter/records.h), whose framed Result goes to the
+ * job's done pipe, answered Answer::DONE, or Answer::LAST for the last.  The helper gone,
+ * and the worker ends. */
 [[noreturn]] void worker_main(int sock, int max_use);
 
 } // namespace keyseal_milter

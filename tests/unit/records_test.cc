@@ -1,5 +1,5 @@
-// The records between keyseal-milter and its workers: what goes in comes out, field for
-// field, and nothing but one whole record decodes.
+// The records between keyseal-milter, its helper and its workers: what goes in comes out,
+// field for field, and nothing but one whole record decodes.
 #include "milter/records.h"
 
 #include <gtest/gtest.h>
@@ -59,9 +59,41 @@ TEST(Records, ResultsRoundTrip)
         ASSERT_TRUE(decode(encode(r), back));
         EXPECT_EQ(back, r);
     }
-    Limits limits{5, 100}, lback;
-    ASSERT_TRUE(decode(encode(limits), lback));
-    EXPECT_EQ(lback, limits);
+    const Request requests[] = {
+        {{5, 100}, true, encode(FULL)},
+        {{1, 1}, false, ""}, /* the job in its file: three descriptors */
+        {{30, 4}, true, std::string(JOB_INLINE_MAX, '\0')},
+    };
+    for (const Request &q : requests) {
+        Request back;
+        ASSERT_TRUE(decode(encode(q), back));
+        EXPECT_EQ(back, q);
+        EXPECT_EQ(request_fds(back), q.job_inline ? 2 : 3);
+        EXPECT_LE(encode(q).size(), REQUEST_BYTES_MAX);
+    }
+    for (Answer a : {Answer::READY, Answer::DONE, Answer::LAST}) {
+        Answer back = a == Answer::READY ? Answer::DONE : Answer::READY;
+        ASSERT_TRUE(decode(encode(a), back));
+        EXPECT_EQ(back, a);
+    }
+}
+
+TEST(Records, ResultsComeBackFramedAndTheWaitIsBounded)
+{
+    std::string result = encode(Result{}), framed = frame(result), two = framed + frame("x");
+    std::string_view record;
+    ASSERT_TRUE(unframe(framed, record));
+    EXPECT_EQ(record, result);
+    ASSERT_TRUE(unframe(two, record)); /* a helper's word after a worker's: the first counts */
+    EXPECT_EQ(record, result);
+    for (size_t n = 0; n < framed.size(); n++)
+        EXPECT_FALSE(unframe(std::string_view(framed).substr(0, n), record)) << "cut to " << n;
+    const struct {
+        uint32_t timeout;
+        int ms;
+    } waits[] = {{1, 11000}, {30, 40000}, {0xffffffff, INT32_MAX}};
+    for (const auto &w : waits)
+        EXPECT_EQ(answer_wait_ms(Limits{w.timeout, 1}), w.ms) << w.timeout;
 }
 
 /* cat - bytes joined (with += : GCC 12 sees false overlaps in chains of +) */
@@ -104,8 +136,27 @@ TEST(Records, OnlyOneWholeRecordDecodes)
         SCOPED_TRACE(h.name);
         EXPECT_FALSE(h.job ? decode(h.bytes, j) : decode(h.bytes, r));
     }
-    Limits l;
-    EXPECT_FALSE(decode(encode(Limits{0, 4}), l)); /* no time at all is no limit */
+    std::string request = encode(Request{{5, 4}, true, "j"});
+    Request q;
+    const struct {
+        const char *name;
+        std::string bytes;
+    } requests[] = {
+        {"no time at all is no limit", encode(Request{{0, 4}, true, ""})},
+        {"no worker at all", encode(Request{{5, 0}, true, ""})},
+        {"a job both inline and in a file", encode(Request{{5, 4}, true, "j"}).replace(9, 1, "\0")},
+        {"inline 2", std::string(request).replace(9, 1, "\2")},
+        {"trailing byte", cat({request, "x"})},
+        {"a job read as a request", job},
+    };
+    for (const auto &h : requests) {
+        SCOPED_TRACE(h.name);
+        EXPECT_FALSE(decode(h.bytes, q));
+    }
+    Answer a;
+    for (const std::string &bad :
+         {std::string(), std::string("J"), std::string("DD"), std::string(1, '\0')})
+        EXPECT_FALSE(decode(bad, a)) << bad;
 }
 
 } // namespace
