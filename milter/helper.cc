@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <map>
+#include <vector>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -28,6 +31,9 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
+
+/* NOTE_MS - after a worker's end, how long the helper has to say why */
+constexpr int NOTE_MS = 2000;
 
 /* memory_file - a nameless file in memory, holding data */
 int memory_file(const char *name, const std::string &data)
@@ -56,10 +62,59 @@ int wait_readable(int fd, int ms)
 
 } // namespace
 
+/* Channel - a helper's request socket, and what the helper said on it: READY, and the
+ * failed Results of jobs whose worker ended before its own.  Whoever waits for a word reads
+ * the socket for all (one at a time); the others wait for it. */
 struct Helper::Channel {
     int sock;
+    std::mutex mutex;
+    std::condition_variable heard;
+    bool reading = false, ready = false, gone = false;
+    std::map<uint64_t, std::pair<Result, Clock::time_point>> failed; /* by job number */
+
     explicit Channel(int s) : sock(s) {}
     ~Channel() { close(sock); }
+
+    /* await - until said() holds, the helper's end closes, or the time is up; under
+     * the lock, with it held */
+    template <class Said>
+    void await(std::unique_lock<std::mutex> &lock, Clock::time_point until, Said said)
+    {
+        while (!said() && !gone && Clock::now() < until) {
+            if (reading) {
+                heard.wait_until(lock, until);
+                continue;
+            }
+            reading = true;
+            lock.unlock();
+            std::vector<Word> words;
+            bool ended = false;
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+            if (wait_readable(sock, (int)std::max<long>(left.count(), 0)) > 0) {
+                static thread_local char buf[65536];
+                for (;;) {
+                    ssize_t n = recv(sock, buf, sizeof(buf), MSG_DONTWAIT);
+                    if (n == 0) ended = true;
+                    if (n <= 0) break;
+                    Word w;
+                    if (decode(std::string_view(buf, (size_t)n), w)) words.push_back(std::move(w));
+                }
+            }
+            lock.lock();
+            reading = false;
+            gone = gone || ended;
+            auto now = Clock::now();
+            for (Word &w : words) {
+                if (w.answer == Answer::READY) ready = true;
+                if (w.answer == Answer::FAILED) failed[w.seq] = {std::move(w.result), now};
+            }
+            /* words for jobs that stopped waiting are not kept for ever */
+            std::erase_if(failed, [&](const auto &f) {
+                return now - f.second.second > std::chrono::minutes(1);
+            });
+            heard.notify_all();
+        }
+    }
 };
 
 std::shared_ptr<Helper::Channel> Helper::channel() const
@@ -108,12 +163,15 @@ int Helper::spawn()
     }
     int fd = (int)syscall(SYS_pidfd_open, pid, 0);
     /* its word that it is ready; its end, or silence, and it is no helper */
-    int ready = fd >= 0 ? wait_readable(sv[0], READY_MS) : -1;
-    char said[8];
-    ssize_t n = ready > 0 ? recv(sv[0], said, sizeof(said), MSG_DONTWAIT) : -1;
-    Answer answer;
-    if (n <= 0 || !decode(std::string_view(said, (size_t)n), answer) || answer != Answer::READY) {
-        err = fd < 0 ? errno : ready == 0 ? ETIMEDOUT : ready < 0 ? errno : ECONNRESET;
+    bool ready = false, gone = false;
+    if (fd >= 0) {
+        std::unique_lock<std::mutex> lock(fresh->mutex);
+        fresh->await(lock, Clock::now() + std::chrono::milliseconds(READY_MS),
+                     [&] { return fresh->ready; });
+        ready = fresh->ready, gone = fresh->gone;
+    }
+    if (!ready) {
+        err = fd < 0 ? errno : gone ? ECONNRESET : ETIMEDOUT;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             channel_.reset();
@@ -188,7 +246,10 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     for (int seen = longest_wait_ms_.load(); seen < wait_ms;)
         if (longest_wait_ms_.compare_exchange_weak(seen, wait_ms)) break;
 
-    Request request{limits, true, encode(job)};
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    Request request{++jobs_, (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec, limits,
+                    true, encode(job)};
     int fds[REQUEST_FDS_MAX] = {message_fd, -1, -1};
     int done[2] = {-1, -1};
     if (request.job.size() > JOB_INLINE_MAX) {
@@ -207,8 +268,7 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     int sent = send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request));
     int send_errno = errno;
     if (fds[REQUEST_JOB] >= 0) close(fds[REQUEST_JOB]);
-    close(done[1]); /* the helper's and the worker's now: theirs ending is the job's end */
-    ch.reset();
+    close(done[1]); /* the worker's alone now: its end is the job's end */
     if (sent != 0) {
         close(done[0]);
         return retryable(std::string("the signing helper does not take work: ") +
@@ -238,7 +298,16 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     if (!whole && !ended)
         return retryable("no answer from the signing helper within " +
                          std::to_string(wait_ms / 1000) + " s");
-    return retryable("the signing helper ended before the handler's result came back");
+    /* the worker ended first: the helper, which reaps it, says why */
+    std::unique_lock<std::mutex> lock(ch->mutex);
+    auto note_until = std::min(until, Clock::now() + std::chrono::milliseconds(NOTE_MS));
+    ch->await(lock, note_until, [&] { return ch->failed.count(request.seq) > 0; });
+    auto f = ch->failed.find(request.seq);
+    if (f == ch->failed.end())
+        return retryable("the signing helper ended before the handler's result came back");
+    r = std::move(f->second.first);
+    ch->failed.erase(f);
+    return r;
 }
 
 } // namespace keyseal_milter

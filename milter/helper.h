@@ -20,6 +20,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <sys/types.h>
@@ -59,6 +60,7 @@ class Helper
     struct Channel; /* one helper's request socket, shared by the jobs that use it */
     std::shared_ptr<Channel> channel() const;
     int spawn();
+    std::atomic<uint64_t> jobs_{0}; /* the last job's number */
 
     mutable std::mutex mutex_;
     std::shared_ptr<Channel> channel_;

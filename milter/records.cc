@@ -20,6 +20,7 @@ struct Writer {
         number((uint32_t)s.size());
         out.append(s);
     }
+    void wide(uint64_t n) { number((uint32_t)n), number((uint32_t)(n >> 32)); }
     void list(const std::vector<std::string> &v)
     {
         number((uint32_t)v.size());
@@ -40,6 +41,11 @@ struct Reader {
             n |= (uint32_t)(unsigned char)in[(size_t)i] << (8 * i);
         in.remove_prefix(4);
         return n;
+    }
+    uint64_t wide()
+    {
+        uint64_t low = number();
+        return low | (uint64_t)number() << 32;
     }
     std::string text()
     {
@@ -102,9 +108,8 @@ bool decode(std::string_view in, Job &job)
     return r.whole();
 }
 
-std::string encode(const Result &result)
+static void put(Writer &w, const Result &result)
 {
-    Writer w;
     w.out += RESULT_TAG;
     w.number((uint32_t)result.verdict);
     w.number(result.retry ? 1 : 0);
@@ -113,12 +118,10 @@ std::string encode(const Result &result)
     for (const Cut &c : result.cuts)
         w.number(c.place), w.text(c.text);
     w.list(result.signatures);
-    return w.out;
 }
 
-bool decode(std::string_view in, Result &result)
+static bool get(Reader &r, Result &result)
 {
-    Reader r{in};
     r.tag(RESULT_TAG);
     uint32_t verdict = r.number(), retry = r.number();
     if (verdict < (uint32_t)Verdict::SIGNED || verdict > (uint32_t)Verdict::FAILED || retry > 1)
@@ -132,13 +135,27 @@ bool decode(std::string_view in, Result &result)
         result.cuts.push_back({place, r.text()});
     }
     r.list(result.signatures);
-    return r.whole();
+    return r.ok;
+}
+
+std::string encode(const Result &result)
+{
+    Writer w;
+    put(w, result);
+    return w.out;
+}
+
+bool decode(std::string_view in, Result &result)
+{
+    Reader r{in};
+    return get(r, result) && r.whole();
 }
 
 std::string encode(const Request &request)
 {
     Writer w;
     w.out += REQUEST_TAG;
+    w.wide(request.seq), w.wide(request.sent_ns);
     w.number(request.limits.timeout), w.number(request.limits.workers);
     w.number(request.job_inline ? 1 : 0);
     w.text(request.job_inline ? std::string_view(request.job) : std::string_view());
@@ -149,6 +166,7 @@ bool decode(std::string_view in, Request &request)
 {
     Reader r{in};
     r.tag(REQUEST_TAG);
+    request.seq = r.wide(), request.sent_ns = r.wide();
     request.limits.timeout = r.number(), request.limits.workers = r.number();
     uint32_t job_inline = r.number();
     request.job = r.text();
@@ -168,17 +186,26 @@ int answer_wait_ms(const Limits &limits)
     return ms > (uint64_t)INT32_MAX ? INT32_MAX : (int)ms;
 }
 
-std::string encode(Answer answer)
+std::string encode(const Word &word)
 {
-    return std::string(1, (char)answer);
+    Writer w;
+    w.out += (char)word.answer;
+    if (word.answer == Answer::FAILED) w.wide(word.seq), put(w, word.result);
+    return w.out;
 }
 
-bool decode(std::string_view in, Answer &answer)
+bool decode(std::string_view in, Word &word)
 {
-    if (in.size() != 1) return false;
-    for (Answer a : {Answer::READY, Answer::DONE, Answer::LAST})
-        if (in[0] == (char)a) return answer = a, true;
-    return false;
+    Reader r{in};
+    if (r.tag((char)Answer::READY)) {
+        word = Word{};
+        return r.whole();
+    }
+    r = Reader{in};
+    r.tag((char)Answer::FAILED);
+    word.answer = Answer::FAILED;
+    word.seq = r.wide();
+    return get(r, word.result) && r.whole();
 }
 
 std::string frame(const std::string &record)

@@ -67,18 +67,20 @@ constexpr uint32_t KILL_GRACE = 5;
  * grace, and a little more; past that the helper is not answering at all */
 int answer_wait_ms(const Limits &limits);
 
-/* The descriptors of a request, in this order, from the milter to the helper and on from
- * the helper to a worker: the message; the write end of the job's done pipe, on which the
- * Result comes back framed (frame()); the encoded Job, only when it is too large to travel
- * inline (JOB_INLINE_MAX). */
+/* The descriptors of a request, in this order, from the milter to a worker: the message;
+ * the write end of the job's done pipe, on which the Result comes back framed (frame());
+ * the encoded Job, only when it is too large to travel inline (JOB_INLINE_MAX). */
 enum RequestFd { REQUEST_MESSAGE, REQUEST_DONE, REQUEST_JOB, REQUEST_FDS_MAX };
 constexpr size_t JOB_INLINE_MAX = 16384;
 /* REQUEST_BYTES_MAX - room enough for any request datagram */
 constexpr size_t REQUEST_BYTES_MAX = JOB_INLINE_MAX + 64;
 
-/* Request - one job's datagram: its limits, and the encoded Job when inline ("" when it
- * travels as the REQUEST_JOB file) */
+/* Request - one job's datagram: its number among the milter's jobs, when it was sent
+ * (CLOCK_MONOTONIC, nanoseconds: its time limit counts from there), its limits, and the
+ * encoded Job when inline ("" when it travels as the REQUEST_JOB file) */
 struct Request {
+    uint64_t seq = 0;
+    uint64_t sent_ns = 0;
     Limits limits;
     bool job_inline = true;
     std::string job;
@@ -88,10 +90,16 @@ struct Request {
 /* request_fds - how many descriptors travel with the request: REQUEST_JOB or fewer */
 int request_fds(const Request &request);
 
-/* Answer - a helper's or a worker's word on its socket: the helper is READY for jobs (once,
- * after its warm-up); a worker has written its job's Result and is DONE, or is done and
- * ends (LAST) */
-enum class Answer : uint8_t { READY = 'R', DONE = 'D', LAST = 'E' };
+/* Word - what the helper says to the milter on the request socket: READY once, after its
+ * warm-up; FAILED for a job (seq) whose worker ended before its Result, with a failed
+ * Result saying why */
+enum class Answer : uint8_t { READY = 'R', FAILED = 'F' };
+struct Word {
+    Answer answer = Answer::READY;
+    uint64_t seq = 0;
+    Result result;
+    bool operator==(const Word &) const = default;
+};
 
 /* frame - a record as it goes through a pipe: its length, then its bytes */
 std::string frame(const std::string &record);
@@ -107,8 +115,8 @@ bool decode(std::string_view in, Job &job);
 bool decode(std::string_view in, Result &result);
 std::string encode(const Request &request);
 bool decode(std::string_view in, Request &request);
-std::string encode(Answer answer);
-bool decode(std::string_view in, Answer &answer);
+std::string encode(const Word &word);
+bool decode(std::string_view in, Word &word);
 
 } // namespace keyseal_milter
 

@@ -7,13 +7,16 @@
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <openssl/err.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <ctime>
 #include <unistd.h>
 
 extern char *program_invocation_short_name;
@@ -115,35 +118,72 @@ Result serve(const Job &job, int message_fd)
     return r;
 }
 
-void worker_main(int sock, int max_use)
+void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke, int max_use)
 {
     /* the handler's lines, under the handler's name: keyseal-admin report counts them */
     program_invocation_short_name = (char *)"keyseal";
     key_cache_keep();
+    /* the time limit, kept here: SIGTERM at the job's deadline, as the helper would send it
+     * (the spool file goes); the helper's SIGKILL follows should that not end it */
+    sigevent at_deadline{};
+    at_deadline.sigev_notify = SIGEV_SIGNAL;
+    at_deadline.sigev_signo = SIGTERM;
+    timer_t timer;
+    bool timed = timer_create(CLOCK_MONOTONIC, &at_deadline, &timer) == 0;
     static char buf[REQUEST_BYTES_MAX];
-    for (int served = 0; served < max_use; served++) {
+    for (int served = 0;;) {
         int fd[REQUEST_FDS_MAX] = {-1, -1, -1}, count = 0;
-        ssize_t n = receive_fds(sock, buf, sizeof(buf), fd, REQUEST_JOB, REQUEST_FDS_MAX, &count);
-        if (n < 0) _exit(0);
+        ssize_t n =
+            receive_fds(requests, buf, sizeof(buf), fd, REQUEST_JOB, REQUEST_FDS_MAX, &count);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            /* idle a while: still wanted? */
+            if (pool_leave(shared, slot, false)) _exit(0);
+            continue;
+        }
+        if (n < 0 && (errno == EINTR || errno == EBADMSG)) continue;
+        if (n < 0) {
+            /* the milter's end is shut and nothing is left for us */
+            shared.drained.store(1);
+            pool_leave(shared, slot, true);
+            _exit(0);
+        }
         Request request;
         Job job;
         Result result;
         bool whole =
             decode(std::string_view(buf, (size_t)n), request) && request_fds(request) == count;
+        int64_t deadline = (int64_t)request.sent_ns + (int64_t)request.limits.timeout * 1000000000;
+        if (whole) shared.cap.store(std::min<uint32_t>(request.limits.workers, POOL_SLOTS));
         if (whole && !request.job_inline) whole = read_file(fd[REQUEST_JOB], request.job) == 0;
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
         if (!whole || !decode(request.job, job)) {
             result.reason = "the job could not be read";
-            close(fd[REQUEST_MESSAGE]);
+        } else if ((int64_t)now.tv_sec * 1000000000 + now.tv_nsec >= deadline) {
+            result = retryable("no worker was free within the time limit of " +
+                               std::to_string(request.limits.timeout) + " s (workers " +
+                               std::to_string(shared.cap.load()) + ")");
         } else {
+            slot.seq.store(request.seq), slot.timeout.store(request.limits.timeout);
+            slot.deadline_ns.store(deadline);
+            slot.state.store(SLOT_BUSY);
+            uint64_t one = 1;
+            if (pool_short(shared) && write(poke, &one, sizeof(one)) < 0) {
+                /* the helper has been poked already */
+            }
+            itimerspec on{{0, 0}, {deadline / 1000000000, deadline % 1000000000}}, off{};
+            if (timed) timer_settime(timer, TIMER_ABSTIME, &on, nullptr);
             result = serve(job, fd[REQUEST_MESSAGE]);
+            fd[REQUEST_MESSAGE] = -1;
+            if (timed) timer_settime(timer, 0, &off, nullptr);
         }
         /* a milter that stopped waiting reads nothing: that is no reason to end */
         std::string out = frame(encode(result));
         write_all(fd[REQUEST_DONE], out.data(), out.size());
-        close(fd[REQUEST_DONE]);
-        if (fd[REQUEST_JOB] >= 0) close(fd[REQUEST_JOB]);
-        std::string answer = encode(served + 1 < max_use ? Answer::DONE : Answer::LAST);
-        if (send(sock, answer.data(), answer.size(), MSG_NOSIGNAL) != 1) _exit(0);
+        for (int f : fd)
+            if (f >= 0) close(f);
+        slot.state.store(SLOT_IDLE);
+        if (pool_leave(shared, slot, ++served >= max_use)) break;
     }
     /* nothing is buffered and no spool file is left: no exit handler has work to do, and
      * OpenSSL's teardown would cost more than the rest */

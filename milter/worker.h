@@ -12,6 +12,7 @@
 #ifndef KEYSEAL_MILTER_WORKER_H
 #define KEYSEAL_MILTER_WORKER_H
 
+#include "milter/pool.h"
 #include "milter/records.h"
 
 namespace keyseal_milter
@@ -20,11 +21,12 @@ namespace keyseal_milter
 /* serve - one message (read from message_fd's offset 0) through the engine */
 Result serve(const Job &job, int message_fd);
 
-/* worker_main - jobs from the helper on sock, one at a time, up to max_use of them: each
- * a Request with its descriptors (milter/records.h), whose framed Result goes to the
- * job's done pipe, answered Answer::DONE, or Answer::LAST for the last.  The helper gone,
- * and the worker ends. */
-[[noreturn]] void worker_main(int sock, int max_use);
+/* worker_main - jobs taken from the request socket, one at a time, up to max_use of them:
+ * each a Request with its descriptors (milter/records.h), whose framed Result goes to the
+ * job's done pipe; what it serves and until when stands in its slot of the helper's
+ * shared memory (milter/pool.h).  The requests' end, or the pool's wish, and it ends. */
+[[noreturn]] void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke,
+                              int max_use);
 
 } // namespace keyseal_milter
 

@@ -60,9 +60,9 @@ TEST(Records, ResultsRoundTrip)
         EXPECT_EQ(back, r);
     }
     const Request requests[] = {
-        {{5, 100}, true, encode(FULL)},
-        {{1, 1}, false, ""}, /* the job in its file: three descriptors */
-        {{30, 4}, true, std::string(JOB_INLINE_MAX, '\0')},
+        {1, 0x0102030405060708, {5, 100}, true, encode(FULL)},
+        {~0ULL, 1, {1, 1}, false, ""}, /* the job in its file: three descriptors */
+        {7, 9, {30, 4}, true, std::string(JOB_INLINE_MAX, '\0')},
     };
     for (const Request &q : requests) {
         Request back;
@@ -71,10 +71,10 @@ TEST(Records, ResultsRoundTrip)
         EXPECT_EQ(request_fds(back), q.job_inline ? 2 : 3);
         EXPECT_LE(encode(q).size(), REQUEST_BYTES_MAX);
     }
-    for (Answer a : {Answer::READY, Answer::DONE, Answer::LAST}) {
-        Answer back = a == Answer::READY ? Answer::DONE : Answer::READY;
-        ASSERT_TRUE(decode(encode(a), back));
-        EXPECT_EQ(back, a);
+    for (const Word &w : {Word{}, Word{Answer::FAILED, 0x1122334455667788, failed}}) {
+        Word back{Answer::FAILED, 1, signed_};
+        ASSERT_TRUE(decode(encode(w), back));
+        EXPECT_EQ(back, w);
     }
 }
 
@@ -136,27 +136,32 @@ TEST(Records, OnlyOneWholeRecordDecodes)
         SCOPED_TRACE(h.name);
         EXPECT_FALSE(h.job ? decode(h.bytes, j) : decode(h.bytes, r));
     }
-    std::string request = encode(Request{{5, 4}, true, "j"});
+    std::string request = encode(Request{1, 2, {5, 4}, true, "j"});
+    std::string word = encode(Word{Answer::FAILED, 3, Result{}});
+    const size_t INLINE = 1 + 8 + 8 + 4 + 4; /* the inline flag's place */
     Request q;
+    Word w;
     const struct {
         const char *name;
         std::string bytes;
-    } requests[] = {
-        {"no time at all is no limit", encode(Request{{0, 4}, true, ""})},
-        {"no worker at all", encode(Request{{5, 0}, true, ""})},
-        {"a job both inline and in a file", encode(Request{{5, 4}, true, "j"}).replace(9, 1, "\0")},
-        {"inline 2", std::string(request).replace(9, 1, "\2")},
-        {"trailing byte", cat({request, "x"})},
-        {"a job read as a request", job},
+        bool request;
+    } others[] = {
+        {"no time at all is no limit", encode(Request{1, 2, {0, 4}, true, ""}), true},
+        {"no worker at all", encode(Request{1, 2, {5, 0}, true, ""}), true},
+        {"a job both inline and in a file", std::string(request).replace(INLINE, 1, "\0"), true},
+        {"inline 2", std::string(request).replace(INLINE, 1, "\2"), true},
+        {"trailing byte", cat({request, "x"}), true},
+        {"a job read as a request", job, true},
+        {"READY with more", "RR", false},
+        {"FAILED without its result", word.substr(0, 9), false},
+        {"FAILED with a trailing byte", cat({word, "x"}), false},
+        {"no word", "", false},
+        {"an unknown word", "D", false},
     };
-    for (const auto &h : requests) {
+    for (const auto &h : others) {
         SCOPED_TRACE(h.name);
-        EXPECT_FALSE(decode(h.bytes, q));
+        EXPECT_FALSE(h.request ? decode(h.bytes, q) : decode(h.bytes, w));
     }
-    Answer a;
-    for (const std::string &bad :
-         {std::string(), std::string("J"), std::string("DD"), std::string(1, '\0')})
-        EXPECT_FALSE(decode(bad, a)) << bad;
 }
 
 } // namespace
