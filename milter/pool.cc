@@ -245,7 +245,8 @@ void pool_main(int requests)
     for (;;) {
         PoolShared &s = *p.shared;
         /* spares while the milter sends; once it is done, one worker to drain the socket */
-        while (open ? idle(s) < SPARES && s.live.load() < s.cap.load()
+        while (open ? idle(s) < SPARES && s.live.load() < s.cap.load() &&
+                          p.workers.size() < s.cap.load() /* the leaving, till reaped */
                     : s.live.load() == 0 && !s.drained.load()) {
             if (!p.start_worker()) {
                 if (!open) _exit(1);
