@@ -1,13 +1,13 @@
 /*
  * records - what travels between keyseal-milter, its helper and its workers: a Job (one
  * message's handler arguments and environment, and how to sign), the Request that carries
- * it with the Limits of the moment, the Answers a helper or worker gives on its socket, and
- * the Result (signed, skipped or failed), each with one encoder and one decoder.
+ * it to a worker with the Limits of the moment, the Result (signed, skipped or failed) that
+ * comes back, and the helper's Words to the milter, each with one encoder and one decoder.
  *
  * The encoding is a tag byte, then fields in a fixed order: a number is four bytes
- * (little-endian), a text its length as a number and its bytes, a list its count and its
- * items.  No field is delimited by a byte a field may hold, so no text can end one field
- * or start another.  encode() cannot fail; decode() returns false for anything but one
+ * (little-endian), a wide one eight, a text its length as a number and its bytes, a list
+ * its count and its items.  No field is delimited by a byte a field may hold, so no text can end
+ * one field or start another.  encode() cannot fail; decode() returns false for anything but one
  * whole record of its kind (truncated, trailing bytes, a count beyond the bytes left),
  * leaving the record in an unspecified state.  Pure functions: no I/O, nothing logged.
  */
@@ -52,8 +52,8 @@ struct Result {
     bool operator==(const Result &) const = default;
 };
 
-/* Limits - what the milter says with each job it hands the helper: the settings of the
- * moment, so that a reload reaches the helper without a restart */
+/* Limits - what the milter says with each job: the settings of the moment, so that a
+ * reload reaches the helper and its workers without a restart */
 struct Limits {
     uint32_t timeout = 30; /* seconds, waiting for a worker included */
     uint32_t workers = 1;  /* the most worker processes there may be */
@@ -87,7 +87,7 @@ struct Request {
     bool operator==(const Request &) const = default;
 };
 
-/* request_fds - how many descriptors travel with the request: REQUEST_JOB or fewer */
+/* request_fds - how many descriptors travel with the request: 2, or 3 with the job file */
 int request_fds(const Request &request);
 
 /* Word - what the helper says to the milter on the request socket: READY once, after its
