@@ -295,7 +295,8 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     close(done[0]);
     Result r;
     if (whole && decode(record, r)) return r;
-    if (!whole && !ended)
+    if (whole) return retryable("the handler's result could not be read");
+    if (!ended)
         return retryable("no answer from the signing helper within " +
                          std::to_string(wait_ms / 1000) + " s");
     /* the worker ended first: the helper, which reaps it, says why */

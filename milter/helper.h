@@ -6,9 +6,10 @@
  * start(), ended(), restart() and stop() belong to one thread, the one that watches
  * pidfd() (the main thread); run() may be called from any thread at any time, before,
  * during and after those.  run() never throws and never blocks past answer_wait_ms(): it
- * returns the worker's Result, or a failed one saying why (helper gone, no answer in time),
- * with retry set where a later try may succeed.  A helper that dies is replaced every
- * time; only one that dies young (within YOUNG_MS of its start) is replaced after a
+ * hands the job to a worker through the helper's request socket and returns the worker's
+ * Result, or a failed one saying why (the worker's end as the helper tells it, the helper
+ * gone, no answer in time), with retry set where a later try may succeed.  A helper that dies is
+ * replaced every time; only one that dies young (within YOUNG_MS of its start) is replaced after a
  * back-off, doubling from BACKOFF_MIN_MS up to BACKOFF_MAX_MS while helpers keep dying
  * young.  Lines logged: the helper's end and each restart (milter/milter_log.h).  Nothing
  * here ends the process.
