@@ -533,7 +533,8 @@ void reload()
     Clock::time_point restart_at;
     bool restarting = false;
     for (;;) {
-        auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(restart_at - Clock::now());
+        auto wait =
+            std::chrono::duration_cast<std::chrono::milliseconds>(restart_at - Clock::now());
         int timeout = restarting ? (int)std::max<long>(wait.count(), 0) : -1;
         if (stopping && (timeout < 0 || timeout > 100)) timeout = 100;
         pollfd fds[2] = {{signal_pipe[0], POLLIN, 0}, {helper.pidfd(), POLLIN, 0}};
