@@ -4,12 +4,13 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace keyseal_milter
 {
 
-enum { MAX_FDS = 4 };
+enum { MAX_FDS = 4 }; /* more than any request carries: an excess is seen, and refused */
 
 int send_fds(int sock, const void *data, size_t length, const int *fds, int n)
 {
@@ -34,11 +35,10 @@ int send_fds(int sock, const void *data, size_t length, const int *fds, int n)
     return 0;
 }
 
-ssize_t receive_fds(int sock, void *buf, size_t cap, int *fds, int n)
+ssize_t receive_fds(int sock, void *buf, size_t cap, int *fds, int min, int max, int *n)
 {
-    char scratch;
     char control[CMSG_SPACE(MAX_FDS * sizeof(int))] = {};
-    iovec iov{cap > 0 ? buf : &scratch, cap > 0 ? cap : 1};
+    iovec iov{buf, cap};
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
@@ -57,19 +57,20 @@ ssize_t receive_fds(int sock, void *buf, size_t cap, int *fds, int n)
         for (int i = 0; i < k; i++) {
             int fd;
             memcpy(&fd, CMSG_DATA(c) + (size_t)i * sizeof(int), sizeof(int));
-            if (count < n)
+            if (count < max)
                 fds[count] = fd;
             else
                 close(fd);
             count++;
         }
     }
-    if (count != n || (msg.msg_flags & (MSG_CTRUNC | MSG_TRUNC))) {
-        for (int i = 0; i < count && i < n; i++)
+    if (count < min || count > max || (msg.msg_flags & (MSG_CTRUNC | MSG_TRUNC))) {
+        for (int i = 0; i < count && i < max; i++)
             close(fds[i]);
         return errno = EBADMSG, -1;
     }
-    return cap > 0 ? got : 0;
+    *n = count;
+    return got;
 }
 
 int read_file(int fd, std::string &out)
@@ -99,6 +100,12 @@ int pwrite_all(int fd, const void *data, size_t length, off_t at)
         p += n, length -= (size_t)n, at += n;
     }
     return 0;
+}
+
+std::string ended_how(int status)
+{
+    if (WIFSIGNALED(status)) return std::string("killed by SIG") + sigabbrev_np(WTERMSIG(status));
+    return "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
 } // namespace keyseal_milter

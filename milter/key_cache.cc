@@ -7,8 +7,12 @@
  * file, linked into keyseal-milter alone, answers that call from the keys already
  * parsed.  The same bytes are the same key; a changed file gives other bytes and a fresh
  * parse.  An encrypted key is no key here: nothing ever prompts.  Single-threaded: only a
- * worker signs.
+ * worker signs, and only a worker keeps keys (key_cache_keep()).  The helper's warm-up
+ * comes through here too, loading the decoders for every worker it forks, but keeps
+ * nothing: its throwaway key would only take a worker's place for a real one.
  */
+#include "milter/key_cache.h"
+
 #include <cstring>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -26,6 +30,7 @@ struct ParsedKey {
     EVP_PKEY *key;
 };
 std::vector<ParsedKey> parsed_keys; /* the worker's one thread alone uses it */
+bool keeping = false;
 constexpr size_t PARSED_KEYS_MAX = 8;
 
 /* parse_key - a PEM private key without a passphrase: PKCS#8 or PKCS#1 RSA, or NULL.  No
@@ -54,6 +59,11 @@ EVP_PKEY *parse_key(BIO *bio)
 
 } // namespace
 
+void key_cache_keep()
+{
+    keeping = true;
+}
+
 /* PEM_read_bio_PrivateKey - the call libopendkim makes for a PEM key at every signature,
  * answered from the worker's parsed keys.  Only keyseal-milter's worker defines it; the
  * handler and keyseal-admin parse as the library does. */
@@ -65,7 +75,7 @@ extern "C" EVP_PKEY *PEM_read_bio_PrivateKey(BIO *bio, EVP_PKEY **x, pem_passwor
     EVP_PKEY *key = nullptr;
     for (const ParsedKey &k : parsed_keys)
         if (!text.empty() && k.text == text && EVP_PKEY_up_ref(k.key) == 1) key = k.key;
-    if (key == nullptr && (key = parse_key(bio)) != nullptr && !text.empty() &&
+    if (key == nullptr && (key = parse_key(bio)) != nullptr && keeping && !text.empty() &&
         EVP_PKEY_up_ref(key) == 1) {
         if (parsed_keys.size() == PARSED_KEYS_MAX) {
             OPENSSL_cleanse(parsed_keys.front().text.data(), parsed_keys.front().text.size());

@@ -17,6 +17,7 @@
  */
 #include "milter/client_filter.h"
 #include "milter/helper.h"
+#include "milter/key_cache.h"
 #include "milter/milter_conf.h"
 #include "milter/milter_log.h"
 #include "milter/pool.h"
@@ -96,7 +97,7 @@ int main(int argc, char **argv)
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        pool_main(POOL_REQUESTS_FD);
+        pool_main(POOL_REQUESTS_FD, key_cache_keep); /* the cache is this program's */
     }
     /* a closed standard descriptor must not become the listening socket's number, which a
      * child would then keep */

@@ -38,7 +38,9 @@
 /* libmilter's status */
 #define MILTER_LOG_LIBRARY_ENDED                                                                   \
     "the milter library's loop ended by itself (status %d); exiting so that the service restarts"
-/* why */
+/* pid, how many helpers were started after the first */
+#define MILTER_LOG_HELPER_STARTED "started a new signing helper (pid %d; restart %u)"
+/* why (strerror) */
 #define MILTER_LOG_HELPER_FAILED                                                                   \
     "cannot start a new signing helper: %s; exiting so that the service restarts"
 #define MILTER_LOG_RELOADED "reloaded %s"

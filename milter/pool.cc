@@ -15,11 +15,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -33,49 +34,27 @@ namespace
 {
 
 enum {
-    SPARES = 4,    /* idle workers kept ready, forked while nothing waits */
-    IDLE_MAX = 16, /* more idle than this after a burst, and one is let go */
-    MAX_USE = 100, /* messages a worker serves before it ends */
+    SPARES = 4,       /* idle workers kept ready */
+    IDLE_MAX = 16,    /* more idle than this after a burst, and they leave */
+    MAX_USE = 100,    /* messages a worker serves before it ends */
+    IDLE_WAIT_S = 30, /* an idle worker looks whether it is wanted this often */
+    TICK_MS = 1000,   /* the helper looks at its busy workers' deadlines at least this often */
 };
 
-using Clock = std::chrono::steady_clock;
+int64_t now_ns()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (int64_t)t.tv_sec * 1000000000 + t.tv_nsec;
+}
 
-/* Task - a job request in the helper's hands: its three files until a worker has them, and the
- * done pipe until the job is over */
-struct Task {
-    int files[3] = {-1, -1, -1}; /* the encoded Job, the message, the Result's file */
-    int done = -1;
-    Clock::time_point deadline;
-    uint32_t timeout = 0;
-
-    void close_files()
-    {
-        for (int &fd : files)
-            if (fd >= 0) close(fd), fd = -1;
-    }
-    /* finish - the job is over: the milter reads the Result file, or failure when given */
-    void finish(const Result *failure)
-    {
-        close_files();
-        if (done < 0) return;
-        if (failure != nullptr) {
-            std::string out = encode(*failure);
-            write_all(done, out.data(), out.size());
-        }
-        close(done);
-        done = -1;
-    }
-};
-
-struct Process {
-    pid_t pid;
-    int sock; /* the helper's end of the worker's socket */
-    Task job; /* busy: the job it serves (done >= 0) */
-    bool busy = false;
-    bool termed = false;    /* SIGTERM sent for the time limit */
-    bool hung_up = false;   /* its end closed: it is ending, to be reaped */
-    unsigned long used = 0; /* when it last finished a job, on the helper's count */
-};
+size_t idle(const PoolShared &shared)
+{
+    size_t n = 0;
+    for (uint32_t i = 0, used = shared.used.load(); i < used; i++)
+        n += shared.slots[i].state.load(std::memory_order_relaxed) == SLOT_IDLE;
+    return n;
+}
 
 /* warm_up - one signature with a throwaway key: OpenSSL's configuration, providers and
  * decoders, and libopendkim's tables, are then loaded once here and inherited by every
@@ -100,128 +79,71 @@ void warm_up()
     tzset(); /* syslog's time stamps: /etc/localtime, read once */
 }
 
+/* call_me_worker - the command line says POOL_WORKER_ARGUMENT from here on: the argument's
+ * bytes, which follow the program name's in the process's memory, written over in place */
+void call_me_worker()
+{
+    static_assert(sizeof(POOL_WORKER_ARGUMENT) == sizeof(POOL_ARGUMENT));
+    char *arg = program_invocation_name + strlen(program_invocation_name) + 1;
+    if (strcmp(arg, POOL_ARGUMENT) == 0)
+        memcpy(arg, POOL_WORKER_ARGUMENT, sizeof(POOL_WORKER_ARGUMENT));
+}
+
+struct Process {
+    pid_t pid;
+    uint32_t slot;
+    bool termed = false; /* SIGTERM sent, its own timer having failed to end it */
+    bool killed = false; /* SIGKILL sent */
+};
+
 struct Pool {
-    int requests, sigfd;
+    void (*worker_start)() = nullptr; /* what a new worker calls first */
+    int requests, sigfd, poke;
     sigset_t chld;
+    PoolShared *shared;
     std::vector<Process> workers;
-    std::deque<Task> waiting;
-    size_t cap = 1;
-    unsigned long jobs_done = 0;
     pid_t self = getpid();
 
-    size_t idle() const
-    {
-        return (size_t)std::count_if(workers.begin(), workers.end(),
-                                     [](const Process &w) { return !w.busy; });
-    }
-
-    /* idle_worker - the idle worker used last (its pages are the warmest) or, with
-     * coldest, the one used longest ago; workers.end() when none is idle */
-    std::vector<Process>::iterator idle_worker(bool coldest)
-    {
-        auto pick = workers.end();
-        for (auto w = workers.begin(); w != workers.end(); ++w)
-            if (!w->busy &&
-                (pick == workers.end() || (coldest ? w->used < pick->used : w->used >= pick->used)))
-                pick = w;
-        return pick;
-    }
-
-    /* in_child - a new worker keeps nothing of the helper's: above all no done pipe, whose
-     * reader waits for every write end to close, and no other message's files */
-    void in_child()
-    {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != self) _exit(0); /* the helper died before that took hold */
-        sigprocmask(SIG_UNBLOCK, &chld, nullptr);
-        close(requests);
-        close(sigfd);
-        for (Process &w : workers) {
-            close(w.sock);
-            if (w.busy) w.job.close_files(), close(w.job.done);
-        }
-        for (Task &j : waiting)
-            j.close_files(), close(j.done);
-    }
-
-    /* start_worker - a new idle worker, the last in workers; false if none could be made */
+    /* start_worker - a new idle worker in a free slot; false if none could be made */
     bool start_worker()
     {
-        int sv[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return false;
+        uint32_t i = 0;
+        while (i < POOL_SLOTS && shared->slots[i].state.load() != SLOT_FREE)
+            i++;
+        if (i == POOL_SLOTS) return false;
+        PoolSlot &slot = shared->slots[i];
+        slot.state.store(SLOT_IDLE);
+        shared->live++;
+        if (shared->used.load() <= i) shared->used.store(i + 1);
         pid_t pid = fork();
         if (pid == 0) {
-            in_child();
-            close(sv[0]);
-            worker_main(sv[1], MAX_USE);
+            /* a new worker keeps nothing of the helper's but the requests, the poke and
+             * the shared memory */
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (getppid() != self) _exit(0); /* the helper died before that took hold */
+            sigprocmask(SIG_UNBLOCK, &chld, nullptr);
+            close(sigfd);
+            call_me_worker();
+            if (worker_start != nullptr) worker_start(); /* the parsed-key cache */
+            worker_main(requests, *shared, slot, poke, MAX_USE);
         }
-        close(sv[1]);
         if (pid < 0) {
-            close(sv[0]);
             halyx_log(LOG_ERR, "cannot start a worker: %s", strerror(errno));
+            shared->live--;
+            slot.state.store(SLOT_FREE);
             return false;
         }
-        workers.push_back({pid, sv[0], {}});
+        workers.push_back({pid, i});
         return true;
     }
 
-    /* retire - a worker is let go: it ends when it reads the closed socket */
-    void retire(size_t i)
+    /* tell - the milter is told why a job ended without its Result; should its end of
+     * the socket be full, it finds the done pipe's end alone */
+    void tell(const PoolSlot &slot, const std::string &why)
     {
-        close(workers[i].sock);
-        workers[i].job.finish(nullptr);
-        workers.erase(workers.begin() + (long)i);
-    }
-
-    /* dispatch - the job to the warmest idle worker, or to a new one under the cap;
-     * false when every worker is busy and there may be no more */
-    bool dispatch(Task &job)
-    {
-        for (size_t tries = 0; tries <= workers.size() + 1; tries++) {
-            auto w = idle_worker(false);
-            if (w == workers.end()) {
-                if (workers.size() >= cap || !start_worker()) return false;
-                w = workers.end() - 1;
-            }
-            if (send_fds(w->sock, "J", 1, job.files, 3) == 0) {
-                job.close_files(); /* the worker has them now */
-                w->job = job;
-                w->busy = true;
-                w->termed = false;
-                job.done = -1;
-                return true;
-            }
-            kill(w->pid, SIGKILL); /* a worker that cannot take it is of no use */
-            retire((size_t)(w - workers.begin()));
-        }
-        return false;
-    }
-
-    void dispatch_waiting()
-    {
-        while (!waiting.empty() && dispatch(waiting.front()))
-            waiting.pop_front();
-    }
-
-    /* answered - what a busy worker said: "D" its Result is written; "E" the same, and it
-     * ends.  Its end closed, it died: the reaping tells the milter. */
-    void answered(size_t i)
-    {
-        Process &w = workers[i];
-        char c;
-        ssize_t n = recv(w.sock, &c, 1, MSG_DONTWAIT);
-        if (n < 0) return;
-        if (n == 0) {
-            w.hung_up = true;
-            return;
-        }
-        w.job.finish(nullptr);
-        w.busy = false;
-        w.used = ++jobs_done;
-        if (c != 'D') retire(i);
-        dispatch_waiting();
-        while (idle() > IDLE_MAX || (workers.size() > cap && idle() > 0))
-            retire((size_t)(idle_worker(true) - workers.begin()));
+        Word word{Answer::FAILED, slot.seq.load(), retryable(why)};
+        std::string out = encode(word);
+        send(requests, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     }
 
     void reap()
@@ -234,88 +156,70 @@ struct Pool {
         while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
             auto w = std::find_if(workers.begin(), workers.end(),
                                   [pid](const Process &p) { return p.pid == pid; });
-            if (w == workers.end()) continue; /* retired */
-            if (w->busy) {
-                std::string why =
-                    w->termed ? "the handler ran past the time limit of " +
-                                    std::to_string(w->job.timeout) + " s and was killed"
-                    : WIFSIGNALED(status)
-                        ? std::string("the handler was killed by SIG") +
-                              sigabbrev_np(WTERMSIG(status))
-                        : "the handler ended with status " + std::to_string(WEXITSTATUS(status));
-                Result r = retryable(why);
-                w->job.finish(&r);
-            }
-            retire((size_t)(w - workers.begin()));
+            if (w == workers.end()) continue;
+            PoolSlot &slot = shared->slots[w->slot];
+            uint32_t state = slot.state.load();
+            if (state == SLOT_BUSY)
+                tell(slot, now_ns() >= slot.deadline_ns.load()
+                               ? "the handler ran past the time limit of " +
+                                     std::to_string(slot.timeout.load()) + " s and was killed"
+                               : "the handler ended (" + ended_how(status) + ")");
+            if (state != SLOT_LEAVING) shared->live--;
+            slot.state.store(SLOT_FREE);
+            workers.erase(w);
         }
-        dispatch_waiting();
     }
 
-    /* request - one job from the milter: to a worker now, or to wait for one */
-    void request()
+    /* enforce - a busy worker past its deadline: SIGTERM, should its own timer not have
+     * ended it, and SIGKILL KILL_GRACE later; the milliseconds until the next such moment,
+     * at most TICK_MS */
+    int enforce()
     {
-        char buf[64];
-        Task job;
-        int fds[4];
-        ssize_t n = receive_fds(requests, buf, sizeof(buf), fds, 4);
-        if (n < 0) return;
-        std::copy(fds, fds + 3, job.files);
-        job.done = fds[3];
-        Limits limits;
-        if (!decode(std::string_view(buf, (size_t)n), limits)) {
-            Result r = retryable("the request could not be read");
-            job.finish(&r);
-            return;
-        }
-        cap = limits.workers;
-        job.timeout = limits.timeout;
-        job.deadline = Clock::now() + std::chrono::seconds(limits.timeout);
-        if (!waiting.empty() || !dispatch(job)) waiting.push_back(job);
-    }
-
-    /* enforce - time limits: a busy worker's, and a waiting job's */
-    void enforce(Clock::time_point now)
-    {
+        int64_t now = now_ns(), next = now + (int64_t)TICK_MS * 1000000;
         for (Process &w : workers) {
-            if (!w.busy) continue;
-            if (!w.termed && now >= w.job.deadline) {
-                kill(w.pid, SIGTERM);
-                w.termed = true;
-                w.job.deadline = now + std::chrono::seconds(POOL_KILL_GRACE);
-            } else if (w.termed && now >= w.job.deadline) {
-                kill(w.pid, SIGKILL);
+            const PoolSlot &slot = shared->slots[w.slot];
+            if (slot.state.load() != SLOT_BUSY) {
+                w.termed = false;
+                continue;
             }
+            /* a second SIGTERM would cut short the removal of the spool file: the worker's
+             * own timer has a second to do it */
+            int64_t term_at = slot.deadline_ns.load() + 1000000000;
+            int64_t kill_at = term_at - 1000000000 + (int64_t)KILL_GRACE * 1000000000;
+            if (now >= kill_at && !w.killed)
+                kill(w.pid, SIGKILL), w.killed = true;
+            else if (now >= term_at && !w.termed)
+                kill(w.pid, SIGTERM), w.termed = true;
+            if (!w.killed) next = std::min(next, std::max(w.termed ? kill_at : term_at, now));
         }
-        while (!waiting.empty() && now >= waiting.front().deadline) {
-            Result r = retryable("no worker was free within the time limit of " +
-                                 std::to_string(waiting.front().timeout) + " s (workers " +
-                                 std::to_string(cap) + ")");
-            waiting.front().finish(&r);
-            waiting.pop_front();
-        }
-    }
-
-    /* next_wait - milliseconds until the next deadline, at most a second */
-    int next_wait(Clock::time_point now) const
-    {
-        auto next = now + std::chrono::seconds(1);
-        for (const Process &w : workers)
-            if (w.busy) next = std::min(next, w.job.deadline);
-        if (!waiting.empty()) next = std::min(next, waiting.front().deadline);
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count();
-        return (int)std::max<long>(ms, 0) + 1;
-    }
-
-    bool any_busy() const
-    {
-        return std::any_of(workers.begin(), workers.end(), [](const Process &w) { return w.busy; });
+        return (int)((next - now) / 1000000) + 1;
     }
 };
 
 } // namespace
 
-void pool_main(int requests)
+bool pool_short(const PoolShared &shared)
 {
+    return idle(shared) < SPARES && shared.live.load() < shared.cap.load();
+}
+
+bool pool_leave(PoolShared &shared, PoolSlot &slot, bool must)
+{
+    if (must) {
+        shared.live--;
+    } else {
+        uint32_t live = shared.live.load();
+        do
+            if (live <= shared.cap.load() && idle(shared) <= IDLE_MAX) return false;
+        while (!shared.live.compare_exchange_weak(live, live - 1));
+    }
+    slot.state.store(SLOT_LEAVING);
+    return true;
+}
+
+void pool_main(int requests, void (*worker_start)())
+{
+    prctl(PR_SET_NAME, MILTER_IDENT); /* not "exe", after the /proc/self/exe it was run as */
     halyx_log_init(nullptr, HALYX_LOG_HANDLER_LEVEL, LOG_MAIL, 0, MILTER_IDENT);
     signal(SIGPIPE, SIG_IGN);
     signal(SIGHUP, SIG_IGN); /* the milter reloads; its helper follows the milter */
@@ -324,52 +228,44 @@ void pool_main(int requests)
     warm_up();
     Pool p;
     p.requests = requests;
+    p.worker_start = worker_start;
     sigemptyset(&p.chld);
     sigaddset(&p.chld, SIGCHLD);
     sigprocmask(SIG_BLOCK, &p.chld, nullptr);
     p.sigfd = signalfd(-1, &p.chld, SFD_CLOEXEC | SFD_NONBLOCK);
+    p.poke = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    void *memory = mmap(nullptr, sizeof(PoolShared), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    timeval idle_wait{IDLE_WAIT_S, 0};
+    std::string ready = encode(Word{});
+    if (p.sigfd < 0 || p.poke < 0 || memory == MAP_FAILED ||
+        setsockopt(requests, SOL_SOCKET, SO_RCVTIMEO, &idle_wait, sizeof(idle_wait)) != 0 ||
+        send(requests, ready.data(), ready.size(), MSG_NOSIGNAL) < 0)
+        _exit(1);
+    p.shared = new (memory) PoolShared{};
+    p.shared->cap.store(1);
     bool open = true;
-    std::vector<pollfd> fds;
-    std::vector<pid_t> busy;
-    while (open || p.any_busy()) {
-        /* spares are made while nothing waits for the helper */
-        while (open && p.idle() < SPARES && p.workers.size() < p.cap && p.start_worker()) {
+    for (;;) {
+        PoolShared &s = *p.shared;
+        /* spares while the milter sends; once it is done, one worker to drain the socket */
+        while (open ? idle(s) < SPARES && s.live.load() < s.cap.load() &&
+                          p.workers.size() < s.cap.load() /* the leaving, till reaped */
+                    : s.live.load() == 0 && !s.drained.load()) {
+            if (!p.start_worker()) {
+                if (!open) _exit(1);
+                break;
+            }
         }
-        auto now = Clock::now();
-        p.enforce(now);
-        fds.assign({{open ? requests : -1, POLLIN, 0}, {p.sigfd, POLLIN, 0}});
-        busy.clear();
-        for (const Process &w : p.workers) {
-            if (!w.busy || w.hung_up) continue;
-            fds.push_back({w.sock, POLLIN, 0});
-            busy.push_back(w.pid);
-        }
-        if (poll(fds.data(), fds.size(), p.next_wait(now)) < 0 && errno != EINTR) _exit(1);
-        for (size_t i = 0; i < busy.size(); i++) {
-            if (!fds[2 + i].revents) continue;
-            auto w = std::find_if(p.workers.begin(), p.workers.end(),
-                                  [&](const Process &x) { return x.pid == busy[i]; });
-            if (w != p.workers.end()) p.answered((size_t)(w - p.workers.begin()));
+        if (!open && p.workers.empty()) break;
+        pollfd fds[3] = {
+            {open ? requests : -1, POLLRDHUP, 0}, {p.sigfd, POLLIN, 0}, {p.poke, POLLIN, 0}};
+        if (poll(fds, 3, p.enforce()) < 0 && errno != EINTR) _exit(1);
+        uint64_t pokes;
+        if (fds[2].revents && read(p.poke, &pokes, sizeof(pokes)) < 0) {
         }
         if (fds[1].revents) p.reap();
-        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-        char peek;
-        if (recv(requests, &peek, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
-            /* the milter is gone: nobody reads what is still in hand */
-            open = false;
-            Result r = retryable("keyseal-milter stopped");
-            for (Task &j : p.waiting)
-                j.finish(&r);
-            p.waiting.clear();
-            for (size_t i = p.workers.size(); i-- > 0;) {
-                if (p.workers[i].busy)
-                    kill(p.workers[i].pid, SIGTERM);
-                else
-                    p.retire(i);
-            }
-            continue;
-        }
-        p.request();
+        /* the milter shut its end: its workers drain the socket and leave */
+        if (fds[0].revents & (POLLRDHUP | POLLHUP | POLLERR)) open = false;
     }
     _exit(0);
 }

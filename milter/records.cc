@@ -1,14 +1,12 @@
 #include "milter/records.h"
 
-#include "milter/pool.h"
-
 namespace keyseal_milter
 {
 
 namespace
 {
 
-constexpr char JOB_TAG = 'J', RESULT_TAG = 'R', LIMITS_TAG = 'L';
+constexpr char JOB_TAG = 'J', RESULT_TAG = 'R', REQUEST_TAG = 'Q';
 
 struct Writer {
     std::string out;
@@ -22,6 +20,7 @@ struct Writer {
         number((uint32_t)s.size());
         out.append(s);
     }
+    void wide(uint64_t n) { number((uint32_t)n), number((uint32_t)(n >> 32)); }
     void list(const std::vector<std::string> &v)
     {
         number((uint32_t)v.size());
@@ -42,6 +41,11 @@ struct Reader {
             n |= (uint32_t)(unsigned char)in[(size_t)i] << (8 * i);
         in.remove_prefix(4);
         return n;
+    }
+    uint64_t wide()
+    {
+        uint64_t low = number();
+        return low | (uint64_t)number() << 32;
     }
     std::string text()
     {
@@ -74,11 +78,6 @@ struct Reader {
 };
 
 } // namespace
-
-uint32_t answer_deadline(uint32_t timeout)
-{
-    return timeout + POOL_KILL_GRACE + 5;
-}
 
 Result retryable(const std::string &why)
 {
@@ -113,9 +112,8 @@ bool decode(std::string_view in, Job &job)
     return r.whole() && local <= 1;
 }
 
-std::string encode(const Result &result)
+static void put(Writer &w, const Result &result)
 {
-    Writer w;
     w.out += RESULT_TAG;
     w.number((uint32_t)result.verdict);
     w.number(result.retry ? 1 : 0);
@@ -124,12 +122,10 @@ std::string encode(const Result &result)
     for (const Cut &c : result.cuts)
         w.number(c.place), w.text(c.text);
     w.list(result.signatures);
-    return w.out;
 }
 
-bool decode(std::string_view in, Result &result)
+static bool get(Reader &r, Result &result)
 {
-    Reader r{in};
     r.tag(RESULT_TAG);
     uint32_t verdict = r.number(), retry = r.number();
     if (verdict < (uint32_t)Verdict::SIGNED || verdict > (uint32_t)Verdict::FAILED || retry > 1)
@@ -143,23 +139,93 @@ bool decode(std::string_view in, Result &result)
         result.cuts.push_back({place, r.text()});
     }
     r.list(result.signatures);
-    return r.whole();
+    return r.ok;
 }
 
-std::string encode(const Limits &limits)
+std::string encode(const Result &result)
 {
     Writer w;
-    w.out += LIMITS_TAG;
-    w.number(limits.timeout), w.number(limits.workers);
+    put(w, result);
     return w.out;
 }
 
-bool decode(std::string_view in, Limits &limits)
+bool decode(std::string_view in, Result &result)
 {
     Reader r{in};
-    r.tag(LIMITS_TAG);
-    limits.timeout = r.number(), limits.workers = r.number();
-    return r.whole() && limits.timeout > 0 && limits.workers > 0;
+    return get(r, result) && r.whole();
+}
+
+std::string encode(const Request &request)
+{
+    Writer w;
+    w.out += REQUEST_TAG;
+    w.wide(request.seq), w.wide(request.sent_ns);
+    w.number(request.limits.timeout), w.number(request.limits.workers);
+    w.number(request.job_inline ? 1 : 0);
+    w.text(request.job_inline ? std::string_view(request.job) : std::string_view());
+    return w.out;
+}
+
+bool decode(std::string_view in, Request &request)
+{
+    Reader r{in};
+    r.tag(REQUEST_TAG);
+    request.seq = r.wide(), request.sent_ns = r.wide();
+    request.limits.timeout = r.number(), request.limits.workers = r.number();
+    uint32_t job_inline = r.number();
+    request.job = r.text();
+    request.job_inline = job_inline == 1;
+    return r.whole() && request.limits.timeout > 0 && request.limits.workers > 0 &&
+           job_inline <= 1 && (request.job_inline || request.job.empty());
+}
+
+int request_fds(const Request &request)
+{
+    return request.job_inline ? REQUEST_JOB : REQUEST_FDS_MAX;
+}
+
+int answer_wait_ms(const Limits &limits)
+{
+    uint64_t ms = ((uint64_t)limits.timeout + KILL_GRACE + 5) * 1000;
+    return ms > (uint64_t)INT32_MAX ? INT32_MAX : (int)ms;
+}
+
+std::string encode(const Word &word)
+{
+    Writer w;
+    w.out += (char)word.answer;
+    if (word.answer == Answer::FAILED) w.wide(word.seq), put(w, word.result);
+    return w.out;
+}
+
+bool decode(std::string_view in, Word &word)
+{
+    Reader r{in};
+    if (r.tag((char)Answer::READY)) {
+        word = Word{};
+        return r.whole();
+    }
+    r = Reader{in};
+    r.tag((char)Answer::FAILED);
+    word.answer = Answer::FAILED;
+    word.seq = r.wide();
+    return get(r, word.result) && r.whole();
+}
+
+std::string frame(const std::string &record)
+{
+    Writer w;
+    w.text(record);
+    return w.out;
+}
+
+bool unframe(std::string_view in, std::string_view &record)
+{
+    Reader r{in};
+    uint32_t n = r.number();
+    if (!r.ok || r.in.size() < n) return false;
+    record = r.in.substr(0, n);
+    return true;
 }
 
 } // namespace keyseal_milter

@@ -1,14 +1,17 @@
 /*
- * records - what travels between keyseal-milter and its workers: a Job (one message's
- * handler arguments and policy inputs, and how to sign) and its Result (signed, skipped or
- * failed), each with one encoder and one decoder.
+ * records - what travels between keyseal-milter, its helper and its workers: a Job (one
+ * message's handler arguments and policy inputs, and how to sign), the Request that
+ * carries it to a worker with the Limits of the moment, the Result (signed, skipped or
+ * failed) that comes back, and the helper's Words to the milter, each with one encoder and
+ * one decoder.
  *
  * The encoding is a tag byte, then fields in a fixed order: a number is four bytes
- * (little-endian), a flag a number 0 or 1, a text its length as a number and its bytes, a
- * list its count and its items.  No field is delimited by a byte a field may hold, so no text can
- * end one field or start another.  encode() cannot fail; decode() returns false for anything but
- * one whole record of its kind (truncated, trailing bytes, a count beyond the bytes left), leaving
- * the record in an unspecified state.  Pure functions: no I/O, nothing logged.
+ * (little-endian), a wide one eight, a flag a number 0 or 1, a text its length as a number
+ * and its bytes, a list its count and its items.  No field is delimited by a byte a field
+ * may hold, so no text can end one field or start another.  encode() cannot fail; decode()
+ * returns false for anything but one whole record of its kind (truncated, trailing bytes, a
+ * count beyond the bytes left), leaving the record in an unspecified state.  Pure
+ * functions: no I/O, nothing logged.
  */
 #ifndef KEYSEAL_MILTER_RECORDS_H
 #define KEYSEAL_MILTER_RECORDS_H
@@ -54,17 +57,59 @@ struct Result {
     bool operator==(const Result &) const = default;
 };
 
-/* Limits - what the milter says with each job it hands the helper: the settings of the
- * moment, so that a reload reaches the helper without a restart */
+/* Limits - what the milter says with each job: the settings of the moment, so that a
+ * reload reaches the helper and its workers without a restart */
 struct Limits {
     uint32_t timeout = 30; /* seconds, waiting for a worker included */
     uint32_t workers = 1;  /* the most worker processes there may be */
     bool operator==(const Limits &) const = default;
 };
 
-/* answer_deadline - seconds the milter waits for a job's answer: the time limit, the kill
- * grace, and a little; past that the helper is not answering at all */
-uint32_t answer_deadline(uint32_t timeout);
+/* KILL_GRACE - seconds between a worker's SIGTERM at its time limit and its SIGKILL */
+constexpr uint32_t KILL_GRACE = 5;
+
+/* answer_wait_ms - how long the milter waits for a job's Result: the time limit, the kill
+ * grace, and a little more; past that the helper is not answering at all */
+int answer_wait_ms(const Limits &limits);
+
+/* The descriptors of a request, in this order, from the milter to a worker: the message;
+ * the write end of the job's done pipe, on which the Result comes back framed (frame());
+ * the encoded Job, only when it is too large to travel inline (JOB_INLINE_MAX). */
+enum RequestFd { REQUEST_MESSAGE, REQUEST_DONE, REQUEST_JOB, REQUEST_FDS_MAX };
+constexpr size_t JOB_INLINE_MAX = 16384;
+/* REQUEST_BYTES_MAX - room enough for any request datagram */
+constexpr size_t REQUEST_BYTES_MAX = JOB_INLINE_MAX + 64;
+
+/* Request - one job's datagram: its number among the milter's jobs, when it was sent
+ * (CLOCK_MONOTONIC, nanoseconds: its time limit counts from there), its limits, and the
+ * encoded Job when inline ("" when it travels as the REQUEST_JOB file) */
+struct Request {
+    uint64_t seq = 0;
+    uint64_t sent_ns = 0;
+    Limits limits;
+    bool job_inline = true;
+    std::string job;
+    bool operator==(const Request &) const = default;
+};
+
+/* request_fds - how many descriptors travel with the request: 2, or 3 with the job file */
+int request_fds(const Request &request);
+
+/* Word - what the helper says to the milter on the request socket: READY once, after its
+ * warm-up; FAILED for a job (seq) whose worker ended before its Result, with a failed
+ * Result saying why */
+enum class Answer : uint8_t { READY = 'R', FAILED = 'F' };
+struct Word {
+    Answer answer = Answer::READY;
+    uint64_t seq = 0;
+    Result result;
+    bool operator==(const Word &) const = default;
+};
+
+/* frame - a record as it goes through a pipe: its length, then its bytes */
+std::string frame(const std::string &record);
+/* unframe - the first whole frame at the start of in: true, record pointing into in */
+bool unframe(std::string_view in, std::string_view &record);
 
 /* retryable - a failed Result that a later try may cure, saying why */
 Result retryable(const std::string &why);
@@ -73,8 +118,10 @@ std::string encode(const Job &job);
 std::string encode(const Result &result);
 bool decode(std::string_view in, Job &job);
 bool decode(std::string_view in, Result &result);
-std::string encode(const Limits &limits);
-bool decode(std::string_view in, Limits &limits);
+std::string encode(const Request &request);
+bool decode(std::string_view in, Request &request);
+std::string encode(const Word &word);
+bool decode(std::string_view in, Word &word);
 
 } // namespace keyseal_milter
 

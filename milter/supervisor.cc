@@ -145,7 +145,8 @@ int supervise(Settings &settings, Helper &helper)
         if (!path.empty()) unlink(path.c_str());
         halyx_log(LOG_INFO, MILTER_LOG_STOPPING, in_flight());
         quiet_since = Clock::now();
-        deadline = quiet_since + std::chrono::seconds(answer_deadline((uint32_t)s->timeout));
+        deadline = quiet_since + std::chrono::milliseconds(answer_wait_ms(
+                                     Limits{(uint32_t)s->timeout, (uint32_t)s->workers}));
     };
     for (;;) {
         int wait = stopping ? 100 : -1;
@@ -192,6 +193,9 @@ int supervise(Settings &settings, Helper &helper)
         if (in_flight() > 0) quiet_since = now;
         if (stopping && (now - quiet_since >= std::chrono::seconds(1) || now >= deadline)) break;
     }
+    /* drained: the helper and its workers end with the channel, reaped here; messages
+     * still in hands at the deadline are not waited for again */
+    if (in_flight() == 0) helper.stop();
     auto s = settings.get();
     std::string path = s->socket_file();
     if (!path.empty()) unlink(path.c_str());

@@ -6,6 +6,7 @@
 #include "util/file_utils.h"
 #include "util/halyx_log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <openssl/err.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <ctime>
 #include <unistd.h>
 
 extern char *program_invocation_short_name;
@@ -119,27 +121,71 @@ Result serve(const Job &job, int message_fd, bool own_log)
     return r;
 }
 
-void worker_main(int sock, int max_use)
+void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke, int max_use)
 {
     /* the handler's lines, under the handler's name: keyseal-admin report counts them */
     program_invocation_short_name = (char *)"keyseal";
-    for (int served = 0; served < max_use; served++) {
-        int fd[3];
-        if (receive_fds(sock, nullptr, 0, fd, 3) < 0) _exit(0);
-        std::string encoded;
+    /* the time limit, kept here: SIGTERM at the job's deadline, as the helper would send it
+     * (the spool file goes); the helper's SIGKILL follows should that not end it */
+    sigevent at_deadline{};
+    at_deadline.sigev_notify = SIGEV_SIGNAL;
+    at_deadline.sigev_signo = SIGTERM;
+    timer_t timer;
+    bool timed = timer_create(CLOCK_MONOTONIC, &at_deadline, &timer) == 0;
+    static char buf[REQUEST_BYTES_MAX];
+    for (int served = 0;;) {
+        int fd[REQUEST_FDS_MAX] = {-1, -1, -1}, count = 0;
+        ssize_t n =
+            receive_fds(requests, buf, sizeof(buf), fd, REQUEST_JOB, REQUEST_FDS_MAX, &count);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            /* idle a while: still wanted? */
+            if (pool_leave(shared, slot, false)) _exit(0);
+            continue;
+        }
+        if (n < 0 && (errno == EINTR || errno == EBADMSG)) continue;
+        if (n < 0) {
+            /* the milter's end is shut and nothing is left for us */
+            shared.drained.store(1);
+            pool_leave(shared, slot, true);
+            _exit(0);
+        }
+        Request request;
         Job job;
         Result result;
-        if (read_file(fd[0], encoded) != 0 || !decode(encoded, job)) {
+        bool whole =
+            decode(std::string_view(buf, (size_t)n), request) && request_fds(request) == count;
+        int64_t deadline = (int64_t)request.sent_ns + (int64_t)request.limits.timeout * 1000000000;
+        if (whole) shared.cap.store(std::min<uint32_t>(request.limits.workers, POOL_SLOTS));
+        if (whole && !request.job_inline) whole = read_file(fd[REQUEST_JOB], request.job) == 0;
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (!whole || !decode(request.job, job)) {
             result.reason = "the job could not be read";
-            close(fd[1]);
+        } else if ((int64_t)now.tv_sec * 1000000000 + now.tv_nsec >= deadline) {
+            result = retryable("no worker was free within the time limit of " +
+                               std::to_string(request.limits.timeout) + " s (workers " +
+                               std::to_string(shared.cap.load()) + ")");
         } else {
-            result = serve(job, fd[1]);
+            slot.seq.store(request.seq), slot.timeout.store(request.limits.timeout);
+            slot.deadline_ns.store(deadline);
+            slot.state.store(SLOT_BUSY);
+            uint64_t one = 1;
+            if (pool_short(shared) && write(poke, &one, sizeof(one)) < 0) {
+                /* the helper has been poked already */
+            }
+            itimerspec on{{0, 0}, {deadline / 1000000000, deadline % 1000000000}}, off{};
+            if (timed) timer_settime(timer, TIMER_ABSTIME, &on, nullptr);
+            result = serve(job, fd[REQUEST_MESSAGE]);
+            fd[REQUEST_MESSAGE] = -1;
+            if (timed) timer_settime(timer, 0, &off, nullptr);
         }
-        std::string out = encode(result);
-        int written = pwrite_all(fd[2], out.data(), out.size(), 0);
-        close(fd[0]), close(fd[2]);
-        const char *answer = served + 1 < max_use ? "D" : "E";
-        if (written != 0 || send(sock, answer, 1, MSG_NOSIGNAL) != 1) _exit(0);
+        /* a milter that stopped waiting reads nothing: that is no reason to end */
+        std::string out = frame(encode(result));
+        write_all(fd[REQUEST_DONE], out.data(), out.size());
+        for (int f : fd)
+            if (f >= 0) close(f);
+        slot.state.store(SLOT_IDLE);
+        if (pool_leave(shared, slot, ++served >= max_use)) break;
     }
     /* nothing is buffered and no spool file is left: no exit handler has work to do, and
      * OpenSSL's teardown would cost more than the rest */

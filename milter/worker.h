@@ -14,6 +14,7 @@
 #ifndef KEYSEAL_MILTER_WORKER_H
 #define KEYSEAL_MILTER_WORKER_H
 
+#include "milter/pool.h"
 #include "milter/records.h"
 
 namespace keyseal_milter
@@ -24,11 +25,12 @@ namespace keyseal_milter
  * lines go to its standard error) */
 Result serve(const Job &job, int message_fd, bool own_log = true);
 
-/* worker_main - jobs from the helper on sock, one at a time, up to max_use of them: each
- * a datagram with three descriptors (the encoded Job, the message, the Result's file),
- * answered "D" once the Result is written, or "E" for the last.  The helper gone, or a
- * datagram that is no job, and the worker ends. */
-[[noreturn]] void worker_main(int sock, int max_use);
+/* worker_main - jobs taken from the request socket, one at a time, up to max_use of them:
+ * each a Request with its descriptors (milter/records.h), whose framed Result goes to the
+ * job's done pipe; what it serves and until when stands in its slot of the helper's
+ * shared memory (milter/pool.h).  The requests' end, or the pool's wish, and it ends. */
+[[noreturn]] void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke,
+                              int max_use);
 
 } // namespace keyseal_milter
 

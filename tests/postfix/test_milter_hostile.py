@@ -246,7 +246,7 @@ def test_an_inet_socket_serves_only_its_clients(lab, start, listen, clients, sou
 @pytest.mark.parametrize("listen", ["unix:" + SOCK, "inet:%d" % PORT])
 def test_the_listening_socket_is_in_no_child(lab, start, listen):
     whitelist(hang=True)
-    milter = start("timeout 2\n", listen)
+    milter = start("timeout 30\n", listen)
     inode = listening_inode(listen)
     fds = lambda pid: {os.readlink(p) for p in glob.glob(f"/proc/{pid}/fd/*") if os.path.lexists(p)}
     assert f"socket:[{inode}]" in fds(milter.pid)
@@ -258,7 +258,16 @@ def test_the_listening_socket_is_in_no_child(lab, start, listen):
         helpers = children(milter.pid)
         for pid in helpers + workers(milter.pid):
             assert f"socket:[{inode}]" not in fds(pid), pid
-        unchanged(hung.result()[2])
+            # under keyseal-milter's name (ps -C, top), saying which it is
+            role = b"--helper" if pid in helpers else b"--worker"
+            assert open(f"/proc/{pid}/comm").read() == "keyseal-milter\n"
+            assert open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")[:2] == [b"keyseal-milter", role]
+        # the worker killed in its job: the helper, which reaps it, says how it ended
+        os.kill(next(w for w in workers(milter.pid) if hanging(w)), signal.SIGKILL)
+        qid, _, answer = hung.result()
+        unchanged(answer)
+    lab.log(until=rf"keyseal-milter\[{milter.pid}\]: {qid}: not signed: the handler ended \(killed by "
+            r"SIGKILL\); the message passes unsigned")
 
 
 def test_thirty_hung_messages_get_at_most_four_workers_and_all_an_answer(lab, start):
@@ -307,6 +316,52 @@ def test_a_killed_helper_is_replaced_and_the_next_message_signed(lab, start, str
     _, data, answer = send(auth="", client="10.0.0.5")
     signed(data, answer)
     assert milter.poll() is None
+
+
+def test_a_helper_killed_ten_times_is_replaced_each_time_while_mail_flows(lab, start):
+    milter = start()
+    sent, stop = [], threading.Event()
+
+    def stream():
+        while not stop.is_set():
+            sent.append(send())
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        running = pool.submit(stream)
+        for restart in range(1, 11):
+            wait_for(lambda: len(children(milter.pid)) == 1 or running.done(), "one helper")
+            [helper] = children(milter.pid)
+            os.kill(helper, signal.SIGKILL)
+            lab.log(until=rf"keyseal-milter\[{milter.pid}\]: started a new signing helper \(pid \d+; "
+                    rf"restart {restart}\)")
+            _, data, answer = send()
+            signed(data, answer)
+            assert milter.poll() is None
+        stop.set()
+        running.result()
+    for _, data, answer in sent:  # met a helper's end: passed unsigned, to be retried never
+        if answer.mods:
+            signed(data, answer)
+        else:
+            unchanged(answer)
+
+
+def test_a_helper_that_cannot_start_ends_the_milter_saying_why(lab, start):
+    # the program as the milter runs it, on a mount of its own that becomes noexec
+    binary, copy = "/usr/local/sbin/keyseal-milter", "/usr/local/noexec"
+    os.makedirs(copy, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", copy], check=True)
+    try:
+        shutil.copy(binary, copy)
+        subprocess.run(["mount", "--bind", copy + "/keyseal-milter", binary], check=True)
+        milter = start()
+        wait_for(lambda: len(children(milter.pid)) == 1, "the helper")
+        subprocess.run(["mount", "-o", "remount,bind,noexec", binary], check=True)
+        os.kill(children(milter.pid)[0], signal.SIGKILL)
+        assert milter.wait(timeout=120) != 0
+        lab.log(until=rf"keyseal-milter\[{milter.pid}\]: cannot start a new signing helper: Permission denied")
+    finally:
+        subprocess.run(["umount", "-l", binary])
+        subprocess.run(["umount", "-l", copy])
 
 
 def test_sighup_reloads_the_selector_map_and_keeps_settings_on_an_error(lab, start):

@@ -1,5 +1,5 @@
-// The records between keyseal-milter and its workers: what goes in comes out, field for
-// field, and nothing but one whole record decodes.
+// The records between keyseal-milter, its helper and its workers: what goes in comes out,
+// field for field, and nothing but one whole record decodes.
 #include "milter/records.h"
 
 #include <gtest/gtest.h>
@@ -79,9 +79,41 @@ TEST(Records, ResultsRoundTrip)
         ASSERT_TRUE(decode(encode(r), back));
         EXPECT_EQ(back, r);
     }
-    Limits limits{5, 100}, lback;
-    ASSERT_TRUE(decode(encode(limits), lback));
-    EXPECT_EQ(lback, limits);
+    const Request requests[] = {
+        {1, 0x0102030405060708, {5, 100}, true, encode(FULL)},
+        {~0ULL, 1, {1, 1}, false, ""}, /* the job in its file: three descriptors */
+        {7, 9, {30, 4}, true, std::string(JOB_INLINE_MAX, '\0')},
+    };
+    for (const Request &q : requests) {
+        Request back;
+        ASSERT_TRUE(decode(encode(q), back));
+        EXPECT_EQ(back, q);
+        EXPECT_EQ(request_fds(back), q.job_inline ? 2 : 3);
+        EXPECT_LE(encode(q).size(), REQUEST_BYTES_MAX);
+    }
+    for (const Word &w : {Word{}, Word{Answer::FAILED, 0x1122334455667788, failed}}) {
+        Word back{Answer::FAILED, 1, signed_};
+        ASSERT_TRUE(decode(encode(w), back));
+        EXPECT_EQ(back, w);
+    }
+}
+
+TEST(Records, ResultsComeBackFramedAndTheWaitIsBounded)
+{
+    std::string result = encode(Result{}), framed = frame(result), two = framed + frame("x");
+    std::string_view record;
+    ASSERT_TRUE(unframe(framed, record));
+    EXPECT_EQ(record, result);
+    ASSERT_TRUE(unframe(two, record)); /* a helper's word after a worker's: the first counts */
+    EXPECT_EQ(record, result);
+    for (size_t n = 0; n < framed.size(); n++)
+        EXPECT_FALSE(unframe(std::string_view(framed).substr(0, n), record)) << "cut to " << n;
+    const struct {
+        uint32_t timeout;
+        int ms;
+    } waits[] = {{1, 11000}, {30, 40000}, {0xffffffff, INT32_MAX}};
+    for (const auto &w : waits)
+        EXPECT_EQ(answer_wait_ms(Limits{w.timeout, 1}), w.ms) << w.timeout;
 }
 
 /* cat - bytes joined (with += : GCC 12 sees false overlaps in chains of +) */
@@ -127,8 +159,32 @@ TEST(Records, OnlyOneWholeRecordDecodes)
         SCOPED_TRACE(h.name);
         EXPECT_FALSE(h.job ? decode(h.bytes, j) : decode(h.bytes, r));
     }
-    Limits l;
-    EXPECT_FALSE(decode(encode(Limits{0, 4}), l)); /* no time at all is no limit */
+    std::string request = encode(Request{1, 2, {5, 4}, true, "j"});
+    std::string word = encode(Word{Answer::FAILED, 3, Result{}});
+    const size_t INLINE = 1 + 8 + 8 + 4 + 4; /* the inline flag's place */
+    Request q;
+    Word w;
+    const struct {
+        const char *name;
+        std::string bytes;
+        bool request;
+    } others[] = {
+        {"no time at all is no limit", encode(Request{1, 2, {0, 4}, true, ""}), true},
+        {"no worker at all", encode(Request{1, 2, {5, 0}, true, ""}), true},
+        {"a job both inline and in a file", std::string(request).replace(INLINE, 1, "\0"), true},
+        {"inline 2", std::string(request).replace(INLINE, 1, "\2"), true},
+        {"trailing byte", cat({request, "x"}), true},
+        {"a job read as a request", job, true},
+        {"READY with more", "RR", false},
+        {"FAILED without its result", word.substr(0, 9), false},
+        {"FAILED with a trailing byte", cat({word, "x"}), false},
+        {"no word", "", false},
+        {"an unknown word", "D", false},
+    };
+    for (const auto &h : others) {
+        SCOPED_TRACE(h.name);
+        EXPECT_FALSE(h.request ? decode(h.bytes, q) : decode(h.bytes, w));
+    }
 }
 
 } // namespace
