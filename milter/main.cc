@@ -75,6 +75,11 @@ extern "C" ssize_t read(int fd, void *buf, size_t count)
     return filter_read(fd, buf, count);
 }
 
+extern "C" int poll(pollfd *fds, nfds_t n, int timeout)
+{
+    return filter_poll(fds, n, timeout);
+}
+
 extern "C" int close(int fd)
 {
     return filter_close(fd);
