@@ -16,6 +16,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pwd.h>
+#include <set>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -420,34 +421,77 @@ int postfix_version()
     return major * 100 + minor;
 }
 
+/* name_values - postconf's "NAME = VALUE" lines (an empty value too) as NAME and VALUE */
+std::vector<std::pair<std::string, std::string>> name_values(const std::string &text)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        size_t eq = line.find(" =");
+        if (eq != std::string::npos)
+            out.emplace_back(line.substr(0, eq), trimmed(line.substr(eq + 2)));
+    }
+    return out;
+}
+
+/* Master - master.cf's services (SERVICE/TYPE, and the first word of the command), and a
+ * setting as a service has it: its -o (postconf -Px), else main.cf's (postconf -xh) */
+class Master
+{
+  public:
+    Master()
+    {
+        for (const auto &[name, value] : name_values(postconf({"-Px"})))
+            o_[name] = value;
+        const std::string tail = "/command";
+        for (const auto &[name, value] : name_values(postconf({"-F", "*/*/command"})))
+            if (name.size() > tail.size() &&
+                name.compare(name.size() - tail.size(), tail.size(), tail) == 0)
+                services.emplace_back(name.substr(0, name.size() - tail.size()),
+                                      value.substr(0, value.find(' ')));
+    }
+    std::vector<std::pair<std::string, std::string>> services; /* SERVICE/TYPE, command */
+    bool overrides(const std::string &service, const std::string &name) const
+    {
+        return o_.count(service + "/" + name) != 0;
+    }
+    std::string setting(const std::string &service, const std::string &name)
+    {
+        auto it = o_.find(service + "/" + name);
+        return it != o_.end() ? it->second : main_cf(name);
+    }
+    std::string main_cf(const std::string &name)
+    {
+        auto it = main_.find(name);
+        if (it == main_.end()) it = main_.emplace(name, postconf({"-xh", name})).first;
+        return it->second;
+    }
+    /* places - where name is set: main.cf ("" with its value) and each service's -o */
+    std::vector<std::pair<std::string, std::string>> places(const std::string &name)
+    {
+        std::vector<std::pair<std::string, std::string>> out{{"", main_cf(name)}};
+        for (const auto &[service, command] : services)
+            if (overrides(service, name)) out.emplace_back(service, o_[service + "/" + name]);
+        return out;
+    }
+
+  private:
+    std::map<std::string, std::string> o_, main_; /* -o: SERVICE/TYPE/NAME */
+};
+
 /* check_sender_login - keyseal signs for the envelope sender's domain: whoever may choose
  * any envelope sender may have mail signed as any domain this server hosts.  For each
  * smtpd with SASL on, its restrictions must compare the login with the sender through a
  * map; sendmail's users are held to their addresses by local_login_sender_maps. */
-void check_sender_login(Report &report)
+void check_sender_login(Master &m, Report &report)
 {
-    std::map<std::string, std::string> main_cf, overrides; /* -o: SERVICE/TYPE/NAME */
-    std::istringstream o(postconf({"-Px"}));
-    for (std::string line; std::getline(o, line);) {
-        size_t eq = line.find(" = ");
-        if (eq != std::string::npos) overrides[line.substr(0, eq)] = trimmed(line.substr(eq + 3));
-    }
     auto setting = [&](const std::string &service, const std::string &name) {
-        auto it = overrides.find(service + "/" + name);
-        if (it != overrides.end()) return it->second;
-        if (!main_cf.count(name)) main_cf[name] = postconf({"-xh", name});
-        return main_cf[name];
+        return m.setting(service, name);
     };
     static const char *restrictions[] = {
         "smtpd_sender_restrictions", "smtpd_recipient_restrictions", "smtpd_relay_restrictions"};
-    std::istringstream services(postconf({"-F", "*/*/command"}));
-    for (std::string line; std::getline(services, line);) {
-        size_t eq = line.find("/command = ");
-        if (eq == std::string::npos) continue;
-        std::string service = line.substr(0, eq), command = trimmed(line.substr(eq + 11));
-        if (command.substr(0, command.find(' ')) != "smtpd" ||
-            setting(service, "smtpd_sasl_auth_enable") != "yes")
-            continue;
+    for (const auto &[service, command] : m.services) {
+        if (command != "smtpd" || setting(service, "smtpd_sasl_auth_enable") != "yes") continue;
         bool guarded = false;
         for (const char *r : restrictions)
             for (const auto &word : list(setting(service, r)))
@@ -466,7 +510,7 @@ void check_sender_login(Report &report)
                   "postmap it)";
         if (!guarded) {
             std::string where =
-                overrides.count(service + "/smtpd_sender_restrictions")
+                m.overrides(service, "smtpd_sender_restrictions")
                     ? " in master.cf's -o smtpd_sender_restrictions of " + service
                     : " (postconf -e 'smtpd_sender_restrictions = "
                       "reject_sender_login_mismatch" +
@@ -502,6 +546,390 @@ void check_sender_login(Report &report)
     else
         report.ok("local_login_sender_maps = " + local +
                   ": sendmail holds local users to their sender addresses");
+}
+
+/* braced_list - a Postfix list's items as Postfix splits them: at commas and white space,
+ * except inside braces ("inline:{ a=b, c=d }" is one item) */
+std::vector<std::string> braced_list(const std::string &value)
+{
+    std::vector<std::string> out;
+    std::string item;
+    int depth = 0;
+    for (char ch : value) {
+        if (depth == 0 && (ch == ',' || isspace((unsigned char)ch))) {
+            if (!item.empty()) out.push_back(item);
+            item.clear();
+            continue;
+        }
+        depth += ch == '{' ? 1 : ch == '}' && depth > 0 ? -1 : 0;
+        item += ch;
+    }
+    if (!item.empty()) out.push_back(item);
+    return out;
+}
+
+/* unbraced - "{ text }" as "text" */
+std::string unbraced(const std::string &s)
+{
+    std::string t = trimmed(s);
+    return t.size() >= 2 && t.front() == '{' && t.back() == '}' ? trimmed(t.substr(1, t.size() - 2))
+                                                                : t;
+}
+
+std::string joined(const std::vector<std::string> &items, const char *separator)
+{
+    std::string out;
+    for (const auto &item : items)
+        out += (out.empty() ? "" : separator) + item;
+    return out;
+}
+
+/* Rule - one rule of a content-check table: its line in the table's file (0 when it has
+ * none), its pattern (with the delimiters) or key, and its action */
+struct Rule {
+    int line = 0;
+    std::string key, action;
+};
+
+/* regex_rule - a regexp or pcre table's "/pattern/flags action" or "!/pattern/flags action";
+ * false for if and endif, and for what is not a rule */
+bool regex_rule(const std::string &text, Rule &r)
+{
+    size_t i = !text.empty() && text[0] == '!' ? 1 : 0;
+    if (i >= text.size() || isalnum((unsigned char)text[i])) return false;
+    size_t j = i + 1;
+    while (j < text.size() && text[j] != text[i])
+        j += text[j] == '\\' ? 2 : 1;
+    if (j >= text.size()) return false;
+    while (++j < text.size() && isalpha((unsigned char)text[j]))
+        continue; /* the flags */
+    r.key = text.substr(0, j);
+    r.action = trimmed(text.substr(j));
+    return true;
+}
+
+/* table_rules - a lookup table's rules: regexp:, pcre: and texthash: files (a line that
+ * starts with white space continues the one before), inline: and static: values read here,
+ * the indexed file types as postmap -s lists them; false, with why, when it cannot be read */
+bool table_rules(std::string table, std::vector<Rule> &rules, std::string &why)
+{
+    if (table.rfind("proxy:", 0) == 0) table.erase(0, 6);
+    size_t colon = table.find(':');
+    std::string type = table.substr(0, colon),
+                name = colon == std::string::npos ? "" : table.substr(colon + 1);
+    bool regex = type == "regexp" || type == "pcre";
+    auto add = [&](int line, const std::string &text, const char *separators) {
+        Rule r;
+        if (regex && !regex_rule(text, r)) return;
+        if (!regex) {
+            size_t at = text.find_first_of(separators);
+            r.key = trimmed(text.substr(0, at));
+            r.action = at == std::string::npos ? "" : trimmed(text.substr(at + 1));
+        }
+        r.line = line;
+        rules.push_back(r);
+    };
+    if (type == "static") {
+        rules.push_back({0, "", unbraced(name)});
+        return true;
+    }
+    if (type == "inline" || (regex && name.rfind('{', 0) == 0)) {
+        for (const auto &item : braced_list(unbraced(name)))
+            add(0, unbraced(item), "=");
+        return true;
+    }
+    if (regex || type == "texthash") {
+        std::ifstream in(name);
+        if (!in) {
+            why = strerror(errno);
+            return false;
+        }
+        std::string logical;
+        int n = 0, first = 0;
+        for (std::string line; std::getline(in, line);) {
+            std::string text = trimmed(line);
+            n++;
+            if (text.empty() || text[0] == '#') continue;
+            if (isspace((unsigned char)line[0]) && !logical.empty()) {
+                logical += " " + text;
+                continue;
+            }
+            if (!logical.empty()) add(first, logical, " \t");
+            logical = text, first = n;
+        }
+        if (!logical.empty()) add(first, logical, " \t");
+        return true;
+    }
+    /* only the file types: postmap -s would ask a database or a server of the others */
+    static const char *const indexed[] = {"hash", "btree", "lmdb", "cdb", "dbm", "sdbm"};
+    if (std::find(std::begin(indexed), std::end(indexed), type) == std::end(indexed)) {
+        why = "keyseal-admin cannot list a " + type + ": table";
+        return false;
+    }
+    Run r = run_program("/usr/sbin/postmap", {"-s", table}, {}, "");
+    if (!WIFEXITED(r.status) || WEXITSTATUS(r.status) != 0) {
+        why = trimmed(r.err.substr(0, r.err.find('\n')));
+        return false;
+    }
+    std::istringstream in(r.out);
+    for (std::string line; std::getline(in, line);)
+        add(0, line, " \t");
+    return true;
+}
+
+/* The actions of Postfix's content checks that change the line they match
+ * (header_checks(5)); the others an SMTP or LMTP client takes only log, or are not
+ * supported there */
+const char *const REWRITES[] = {"IGNORE", "PREPEND", "REPLACE", "STRIP"};
+
+/* rewrite - the action's name when it changes the message, else "" */
+std::string rewrite(const std::string &action)
+{
+    std::string word = action.substr(0, action.find_first_of(" \t"));
+    for (auto &ch : word)
+        ch = (char)toupper((unsigned char)ch);
+    for (const char *r : REWRITES)
+        if (word == r) return word;
+    return "";
+}
+
+/* rewrite_names - "IGNORE, PREPEND, REPLACE or STRIP" */
+std::string rewrite_names()
+{
+    std::vector<std::string> names(std::begin(REWRITES), std::end(REWRITES) - 1);
+    return joined(names, ", ") + " or " + std::end(REWRITES)[-1];
+}
+
+const char HEADER_NAME[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+/* pattern_header - the header a "/^Name:/" pattern matches alone; "" when it may match any */
+std::string pattern_header(const std::string &key)
+{
+    if (key.size() < 3 || key[0] == '!' || key[1] != '^') return "";
+    size_t end = key.find_first_not_of(HEADER_NAME, 2);
+    return end > 2 && end != std::string::npos && key[end] == ':' ? key.substr(2, end - 2) : "";
+}
+
+/* written_header - the header a PREPEND or REPLACE writes; "" when its text has no plain
+ * name (a $1 substitution) */
+std::string written_header(const std::string &action)
+{
+    size_t at = action.find_first_of(" \t");
+    std::string text = at == std::string::npos ? "" : trimmed(action.substr(at));
+    size_t end = text.find_first_not_of(HEADER_NAME);
+    return end > 0 && end != std::string::npos && text[end] == ':' ? text.substr(0, end) : "";
+}
+
+/* where - a setting as main.cf ("" service) or a master.cf -o has it */
+std::string where(const std::string &service, const std::string &name, const std::string &value)
+{
+    return service.empty() ? name + " = " + value
+                           : "master.cf's " + service + " -o " + name + "=" + value;
+}
+
+/* check_rewrites - the content checks of Postfix's SMTP and LMTP clients run after
+ * keyseal-milter signed: a rule that changes a signed header, a MIME header or the body
+ * breaks the signature.  A header rule on a header keyseal-milter does not sign (Received
+ * stripped for privacy) is harmless. */
+void check_rewrites(const keyseal_milter::Config &c, Master &m, Report &report)
+{
+    std::set<std::string> signed_headers{"dkim-signature"};
+    for (const auto *names : {&c.headers, &c.oversign})
+        for (std::string h : *names) {
+            for (auto &ch : h)
+                ch = (char)tolower((unsigned char)ch);
+            signed_headers.insert(h);
+        }
+    auto unsigned_header = [&](std::string h) {
+        for (auto &ch : h)
+            ch = (char)tolower((unsigned char)ch);
+        return !h.empty() && signed_headers.count(h) == 0;
+    };
+    for (const char *client : {"smtp_", "lmtp_"})
+        for (const std::string kind :
+             {"header_checks", "mime_header_checks", "nested_header_checks", "body_checks"}) {
+            std::string name = client + kind;
+            for (const auto &[service, value] : m.places(name)) {
+                if (value.empty()) continue;
+                std::string what = where(service, name, value);
+                std::vector<std::string> found, tables = braced_list(value);
+                bool unchecked = false;
+                for (const auto &table : tables) {
+                    std::vector<Rule> rules;
+                    std::string why;
+                    if (!table_rules(table, rules, why)) {
+                        unchecked = true;
+                        report.warning(what + ": " + table + " is unchecked (" + why +
+                                       "): a rule there with " + rewrite_names() +
+                                       " would change mail after keyseal-milter signed it, so "
+                                       "that receivers cannot verify the signature; check its "
+                                       "rules by hand");
+                        continue;
+                    }
+                    for (const auto &r : rules) {
+                        std::string word = rewrite(r.action);
+                        if (word.empty() ||
+                            (kind == "header_checks" &&
+                             (word == "PREPEND" || unsigned_header(pattern_header(r.key))) &&
+                             (word == "IGNORE" || word == "STRIP" ||
+                              unsigned_header(written_header(r.action)))))
+                            continue;
+                        found.push_back(
+                            (tables.size() > 1 ? table + " " : "") +
+                            (r.line ? "line " + std::to_string(r.line) : "'" + r.key + "'") + " (" +
+                            word + ")");
+                    }
+                }
+                const size_t shown = 5, n = found.size();
+                if (n > shown) {
+                    found.resize(shown);
+                    found.push_back("and " + std::to_string(n - shown) + " more");
+                }
+                if (n > 0)
+                    report.error(
+                        what + ": " + joined(found, ", ") + (n == 1 ? " changes" : " change") +
+                        " mail after keyseal-milter signed it, so that receivers cannot verify "
+                        "the signature; fix: take " +
+                        (n == 1 ? "that rule" : "those rules") + " out" +
+                        (kind == "header_checks" ? " (a header keyseal-milter does not sign, "
+                                                   "such as Received, may be changed)"
+                                                 : "") +
+                        ", or " +
+                        (service.empty() ? "postconf -X " + name
+                                         : "postconf -P '" + service + "/" + name + "='"));
+                else if (!unchecked)
+                    report.ok(what + ": no rule changes " +
+                              (kind == "header_checks" ? "a signed header" : "the message"));
+            }
+        }
+}
+
+/* signed_line_limit - the longest line keyseal-milter leaves as it is in a message it signs:
+ * it folds none, so any line mail may carry (998 characters); when it folds lines, the
+ * length it folds to */
+int signed_line_limit(const keyseal_milter::Config &)
+{
+    return 998;
+}
+
+/* check_line_limits - Postfix's SMTP and LMTP clients break a line longer than their limit
+ * after keyseal-milter signed it */
+void check_line_limits(const keyseal_milter::Config &c, Master &m, Report &report)
+{
+    const int longest = signed_line_limit(c);
+    for (const std::string client : {"smtp", "lmtp"}) {
+        std::string name = client + "_line_length_limit";
+        for (const auto &[service, value] : m.places(name)) {
+            long limit = strtol(value.c_str(), nullptr, 10);
+            if (limit <= 0 || limit >= longest) continue;
+            report.error(where(service, name, value) + ": Postfix's " +
+                         (client == "smtp" ? "SMTP" : "LMTP") +
+                         " client breaks each line longer than " + value +
+                         " characters after keyseal-milter signed it (keyseal-milter leaves lines "
+                         "of up to " +
+                         std::to_string(longest) +
+                         " as they are), so that receivers cannot verify the signature of a "
+                         "message with such a line; fix: " +
+                         (service.empty() ? "postconf -X " + name
+                                          : "postconf -PX '" + service + "/" + name + "'") +
+                         " (Postfix's default: " + postconf({"-dh", name}) + ")");
+        }
+    }
+}
+
+/* check_milter_passes - mail that a content filter gives back to Postfix is handed to the
+ * milters again, unless the service that takes it back has no_milters.  On that second
+ * pass keyseal-milter sees the filter as the client (or, through sendmail, a local
+ * submission): it would sign mail from the Internet too.  no_milters on a service that
+ * receives the original mail leaves that mail unsigned, for the second pass cannot tell who
+ * sent it. */
+void check_milter_passes(const Socket &sock, Master &m, Report &report)
+{
+    auto has = [](const std::string &value, const std::string &item) {
+        auto items = list(value);
+        return std::find(items.begin(), items.end(), item) != items.end();
+    };
+    auto without = [](const std::string &value) {
+        std::vector<std::string> kept;
+        for (const auto &o : list(value))
+            if (o != "no_milters") kept.push_back(o);
+        return joined(kept, ",");
+    };
+    const std::string NO_MILTERS_BACK = "give no_milters to the smtpd that takes mail back from "
+                                        "the content filter alone";
+    const std::string filter = m.main_cf("content_filter");
+    std::set<std::string> filters;
+    std::vector<std::string> back, inherit;
+    if (!filter.empty()) filters.insert(filter);
+    for (const auto &[service, command] : m.services) {
+        if (command != "smtpd" && command != "pickup" && command != "qmqpd") continue;
+        std::string own = m.setting(service, "content_filter"),
+                    options = m.setting(service, "receive_override_options");
+        /* an smtpd on a loopback address, or one exempted from main.cf's filter, takes
+         * mail back from the filter */
+        size_t colon = service.rfind(':', service.rfind('/'));
+        std::string host = colon == std::string::npos ? "" : service.substr(0, colon);
+        if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
+        if (command == "smtpd" &&
+            ((!host.empty() && host_on_loopback(host)) || (!filter.empty() && own.empty()))) {
+            std::string milters = m.setting(service, "smtpd_milters");
+            if (!has(options, "no_milters") &&
+                (has(milters, sock.postfix) || has(milters, sock.outside)))
+                back.push_back(service);
+            continue;
+        }
+        if (!own.empty()) filters.insert(own);
+        if (!has(options, "no_milters")) continue;
+        if (!m.overrides(service, "receive_override_options")) {
+            inherit.push_back(service);
+            continue;
+        }
+        std::string rest = without(options);
+        report.error("master.cf's " + service + " has -o receive_override_options=" + options +
+                     ": the mail it receives never reaches keyseal-milter and goes out unsigned "
+                     "(back from a content filter, it can no longer tell who sent it); fix: " +
+                     (rest.empty()
+                          ? "postconf -PX '" + service + "/receive_override_options'"
+                          : "postconf -P '" + service + "/receive_override_options=" + rest + "'") +
+                     ", and " + NO_MILTERS_BACK);
+    }
+    if (!inherit.empty()) {
+        std::string options = m.main_cf("receive_override_options"), rest = without(options);
+        report.error("main.cf sets receive_override_options = " + options + ": the mail " +
+                     joined(inherit, ", ") +
+                     " receive never reaches keyseal-milter and goes out unsigned (back from a "
+                     "content filter, it can no longer tell who sent it); fix: " +
+                     (rest.empty() ? "postconf -X receive_override_options"
+                                   : "postconf -e 'receive_override_options = " + rest + "'") +
+                     ", and " + NO_MILTERS_BACK +
+                     " (its -o receive_override_options in master.cf)");
+    }
+    if (filters.empty()) return;
+    const std::string hazard =
+        ": every message the filter hands back passes keyseal-milter a second time, ";
+    for (const auto &service : back) {
+        std::string options = joined(list(m.setting(service, "receive_override_options")), ",");
+        report.error("master.cf's " + service + " takes mail back from the content filter (" +
+                     joined({filters.begin(), filters.end()}, ", ") +
+                     ") with keyseal-milter in its smtpd_milters" + hazard +
+                     "as from the filter's address: once the whitelist admits it, mail from "
+                     "the Internet with a hosted domain's sender is signed too; fix: postconf "
+                     "-P '" +
+                     service + "/receive_override_options=" + options +
+                     (options.empty() ? "" : ",") + "no_milters'");
+    }
+    /* a filter that pipe runs gives mail back with sendmail, as a local submission */
+    for (const auto &f : filters) {
+        std::string transport = f.substr(0, f.find(':')) + "/unix";
+        for (const auto &[service, command] : m.services)
+            if (service == transport && command == "pipe")
+                report.error("content_filter " + f + " hands mail to master.cf's " + service +
+                             ", a pipe command, whose filter gives it back with sendmail" + hazard +
+                             "as a local submission: mail from the Internet with a hosted "
+                             "domain's sender is signed too; fix: have the filter give mail "
+                             "back through SMTP, to an smtpd with -o "
+                             "receive_override_options=no_milters");
+    }
 }
 
 } // namespace
@@ -677,6 +1105,11 @@ int cmd_postfix_check()
                      "relay without 8BITMIME after signing, which breaks the signature; run "
                      "postconf -e disable_mime_output_conversion=yes");
 
+    Master master;
+    check_rewrites(c, master, report);
+    check_line_limits(c, master, report);
+    check_milter_passes(sock, master, report);
+
     /* the local mark: on cleanup alone, never where an smtpd would send it */
     bool marked = false;
     std::istringstream overrides(postconf({"-P"}));
@@ -702,7 +1135,7 @@ int cmd_postfix_check()
         report.error("cleanup does not mark local submissions: mail sent with sendmail is not "
                      "signed; run keyseal-admin postfix setup");
 
-    check_sender_login(report);
+    check_sender_login(master, report);
 
     if (getpwnam(MILTER_USER) == nullptr) {
         report.error(std::string("no user ") + MILTER_USER + ": install the keyseal package");

@@ -157,6 +157,79 @@ def test_check_warns_of_an_inet_socket_off_loopback(site, conf, milters, warned,
     assert "keyseal-milter is not running: nothing listens on inet:" in out or "192.0.2.1" in conf
 
 
+AFTER = " mail after keyseal-milter signed it, so that receivers cannot verify the signature"
+TWICE = ": every message the filter hands back passes keyseal-milter a second time, "
+UNSIGNED = " never reaches keyseal-milter and goes out unsigned"
+BACK_ALONE = ", and give no_milters to the smtpd that takes mail back from the content filter alone"
+BACK = [["postconf", "-M", "127.0.0.1:10025/inet=127.0.0.1:10025 inet n - n - - smtpd"],
+        ["postconf", "-e", "content_filter = smtp:[127.0.0.1]:10024"],
+        ["postconf", "-P", "127.0.0.1:10025/inet/content_filter="]]
+
+
+@pytest.mark.parametrize("case,files,plant,found", [
+    ("the lab's own configuration", {}, [], []),
+    # a rule on a header that is not signed is no fault; a continued rule is named by its first line
+    ("smtp_header_checks", {"hc": "# privacy\n/^Received:/ IGNORE\n/^Subject:/\n  REPLACE Subject: [ext]\n"},
+     [["postconf", "-e", "smtp_header_checks = regexp:/etc/postfix/hc"]],
+     [("error: smtp_header_checks = regexp:/etc/postfix/hc: line 3 (REPLACE) changes" + AFTER,
+       "fix: take that rule out (a header keyseal-milter does not sign, such as Received, may be changed), "
+       "or postconf -X smtp_header_checks")]),
+    ("smtp_body_checks on one service, an indexed table",
+     {"bc": "unsubscribe REPLACE unsubscribe here\n"},
+     [["postmap", "/etc/postfix/bc"], ["postconf", "-P", "relay/unix/smtp_body_checks=hash:/etc/postfix/bc"]],
+     [("error: master.cf's relay/unix -o smtp_body_checks=hash:/etc/postfix/bc: 'unsubscribe' (REPLACE) changes" + AFTER,
+       "fix: take that rule out, or postconf -P 'relay/unix/smtp_body_checks='")]),
+    ("lmtp_mime_header_checks, an inline table and one that cannot be read", {},
+     [["postconf", "-e", "lmtp_mime_header_checks = inline:{ {Content-Type: text/plain = STRIP} }, "
+       "regexp:/etc/postfix/missing"]],
+     [("error: lmtp_mime_header_checks = inline:{ {Content-Type: text/plain = STRIP} }, regexp:/etc/postfix/missing: "
+       "inline:{ {Content-Type: text/plain = STRIP} } 'Content-Type: text/plain' (STRIP) changes" + AFTER,
+       "or postconf -X lmtp_mime_header_checks"),
+      ("warning: lmtp_mime_header_checks = inline:{ {Content-Type: text/plain = STRIP} }, regexp:/etc/postfix/missing: "
+       "regexp:/etc/postfix/missing is unchecked (No such file or directory)", "check its rules by hand")]),
+    ("MIME output conversion", {}, [["postconf", "-e", "disable_mime_output_conversion = no"]],
+     [("error: disable_mime_output_conversion = no: Postfix converts an 8-bit body for a relay without 8BITMIME "
+       "after signing", "run postconf -e disable_mime_output_conversion=yes")]),
+    ("a shorter line limit", {}, [["postconf", "-e", "smtp_line_length_limit = 500"]],
+     [("error: smtp_line_length_limit = 500: Postfix's SMTP client breaks each line longer than 500 characters "
+       "after keyseal-milter signed it", "fix: postconf -X smtp_line_length_limit (Postfix's default: 998)")]),
+    ("the filter's smtpd with the milter", {},
+     BACK + [["postconf", "-P", "127.0.0.1:10025/inet/receive_override_options=no_address_mappings"]],
+     [("error: master.cf's 127.0.0.1:10025/inet takes mail back from the content filter (smtp:[127.0.0.1]:10024) "
+       "with keyseal-milter in its smtpd_milters" + TWICE,
+       "fix: postconf -P '127.0.0.1:10025/inet/receive_override_options=no_address_mappings,no_milters'")]),
+    ("the filter's smtpd without", {},
+     BACK + [["postconf", "-P", "127.0.0.1:10025/inet/receive_override_options=no_milters"]], []),
+    ("no_milters where mail arrives", {}, [["postconf", "-P", "smtp/inet/receive_override_options=no_milters"]],
+     [("error: master.cf's smtp/inet has -o receive_override_options=no_milters: the mail it receives" + UNSIGNED,
+       "fix: postconf -PX 'smtp/inet/receive_override_options'" + BACK_ALONE)]),
+    ("no_milters in main.cf", {},
+     [["postconf", "-e", "receive_override_options = no_header_body_checks, no_milters"]],
+     [("error: main.cf sets receive_override_options = no_header_body_checks, no_milters: the mail smtp/inet, "
+       "pickup/unix receive" + UNSIGNED,
+       "fix: postconf -e 'receive_override_options = no_header_body_checks'" + BACK_ALONE + " (its -o "
+       "receive_override_options in master.cf)")]),
+    ("a filter run by pipe", {}, [["postconf", "-M", "scan/unix=scan unix - n n - 10 pipe user=nobody argv=/bin/true"],
+                                  ["postconf", "-e", "content_filter = scan:dummy"]],
+     [("error: content_filter scan:dummy hands mail to master.cf's scan/unix, a pipe command, whose filter gives it "
+       "back with sendmail" + TWICE + "as a local submission",
+       "fix: have the filter give mail back through SMTP, to an smtpd with -o receive_override_options=no_milters")]),
+])
+def test_check_names_what_changes_or_skips_signing(site, case, files, plant, found):
+    for name, text in files.items():
+        with open("/etc/postfix/" + name, "w") as f:
+            f.write(text)
+    for command in plant:
+        subprocess.run(command, check=True, capture_output=True)
+    r = site.admin("postfix", "check", check=False)
+    lines = [line for line in r.stdout.splitlines() if any(
+        text in line for text in (AFTER, TWICE, UNSIGNED, "line_length_limit", "unchecked", "MIME"))]
+    assert len(lines) == len(found), r.stdout
+    for start, fix in found:
+        assert any(line.startswith(start) and line.endswith(fix) for line in lines), r.stdout
+    assert r.returncode == (1 if found else 0), r.stdout + r.stderr
+
+
 def test_check_says_when_keyseal_milter_is_not_running(lab):
     assert "keyseal-milter is not running" not in check(lab)
     lab.stop_milter()
