@@ -117,9 +117,11 @@ struct Helper::Channel {
     }
 };
 
-std::shared_ptr<Helper::Channel> Helper::channel() const
+std::shared_ptr<Helper::Channel> Helper::channel(std::chrono::milliseconds wait) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!channel_ && !stopped_)
+        changed_.wait_for(lock, wait, [this] { return channel_ != nullptr || stopped_; });
     return channel_;
 }
 
@@ -161,6 +163,7 @@ int Helper::spawn()
         std::lock_guard<std::mutex> lock(mutex_);
         channel_ = fresh;
     }
+    changed_.notify_all();
     int fd = (int)syscall(SYS_pidfd_open, pid, 0);
     /* its word that it is ready; its end, or silence, and it is no helper */
     bool ready = false, gone = false;
@@ -225,7 +228,9 @@ void Helper::stop()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         ch.swap(channel_);
+        stopped_ = true;
     }
+    changed_.notify_all();
     /* at once, whoever still holds the channel: a job sent later fails with retry */
     if (ch) shutdown(ch->sock, SHUT_WR);
     if (pidfd_ < 0) return;
@@ -240,7 +245,8 @@ void Helper::stop()
 
 Result Helper::run(const Job &job, int message_fd, const Limits &limits)
 {
-    std::shared_ptr<Channel> ch = channel();
+    /* a helper being replaced is waited for, within the message's time limit */
+    std::shared_ptr<Channel> ch = channel(std::chrono::seconds(limits.timeout));
     if (!ch) return retryable("the signing helper is not running");
     int wait_ms = answer_wait_ms(limits);
     for (int seen = longest_wait_ms_.load(); seen < wait_ms;)

@@ -8,7 +8,9 @@
  * during and after those.  run() never throws and never blocks past answer_wait_ms(): it
  * hands the job to a worker through the helper's request socket and returns the worker's
  * Result, or a failed one saying why (the worker's end as the helper tells it, the helper
- * gone, no answer in time), with retry set where a later try may succeed.  A helper that dies is
+ * gone, no answer in time), with retry set where a later try may succeed.  A job that comes
+ * while a helper is being replaced waits for the next one, within its time limit, rather
+ * than going out unsigned; after stop() none waits.  A helper that dies is
  * replaced every time; only one that dies young (within YOUNG_MS of its start) is replaced after a
  * back-off, doubling from BACKOFF_MIN_MS up to BACKOFF_MAX_MS while helpers keep dying
  * young.  Lines logged: the helper's end and each restart (milter/milter_log.h).  Nothing
@@ -21,6 +23,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -59,12 +62,15 @@ class Helper
 
   private:
     struct Channel; /* one helper's request socket, shared by the jobs that use it */
-    std::shared_ptr<Channel> channel() const;
+    /* channel - the running helper's, waiting up to wait for one while none runs */
+    std::shared_ptr<Channel> channel(std::chrono::milliseconds wait) const;
     int spawn();
     std::atomic<uint64_t> jobs_{0}; /* the last job's number */
 
     mutable std::mutex mutex_;
+    mutable std::condition_variable changed_; /* a channel came, or stop() */
     std::shared_ptr<Channel> channel_;
+    bool stopped_ = false;
     pid_t pid_ = -1;
     int pidfd_ = -1;
     std::chrono::steady_clock::time_point started_;

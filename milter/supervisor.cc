@@ -184,6 +184,7 @@ int supervise(Settings &settings, Helper &helper)
             restart_due = false;
             if (helper.restart() != 0) {
                 halyx_log(LOG_ERR, MILTER_LOG_HELPER_FAILED, strerror(errno));
+                helper.stop(); /* the messages waiting for a helper are answered now */
                 stop(1);
             }
         }
