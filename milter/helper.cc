@@ -117,14 +117,14 @@ struct Helper::Channel {
     }
 };
 
-std::shared_ptr<Helper::Channel> Helper::channel(std::chrono::milliseconds wait) const
+std::shared_ptr<Helper::Channel> Helper::channel(std::chrono::milliseconds wait,
+                                                 const std::shared_ptr<Channel> &dead) const
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!channel_ && !stopped_)
-        changed_.wait_for(lock, wait, [this] { return channel_ != nullptr || stopped_; });
-    return channel_;
+    auto usable = [&] { return channel_ != nullptr && channel_ != dead; };
+    changed_.wait_for(lock, wait, [&] { return usable() || stopped_; });
+    return usable() ? channel_ : nullptr;
 }
-
 /* spawn - a new helper from this very program, its request socket as descriptor 3 and
  * nothing else of ours; waits for its READY */
 int Helper::spawn()
@@ -246,7 +246,11 @@ void Helper::stop()
 Result Helper::run(const Job &job, int message_fd, const Limits &limits)
 {
     /* a helper being replaced is waited for, within the message's time limit */
-    std::shared_ptr<Channel> ch = channel(std::chrono::seconds(limits.timeout));
+    auto give_up = Clock::now() + std::chrono::seconds(limits.timeout);
+    auto left = [&] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(give_up - Clock::now());
+    };
+    std::shared_ptr<Channel> ch = channel(left(), nullptr);
     if (!ch) return retryable("the signing helper is not running");
     int wait_ms = answer_wait_ms(limits);
     for (int seen = longest_wait_ms_.load(); seen < wait_ms;)
@@ -273,6 +277,12 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     std::string bytes = encode(request);
     int sent = send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request));
     int send_errno = errno;
+    /* a helper that died before its end was seen: the job goes to the one replacing it */
+    while (sent != 0 && (send_errno == EPIPE || send_errno == ECONNRESET) &&
+           (ch = channel(left(), ch)) != nullptr) {
+        sent = send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request));
+        send_errno = errno;
+    }
     if (fds[REQUEST_JOB] >= 0) close(fds[REQUEST_JOB]);
     close(done[1]); /* the worker's alone now: its end is the job's end */
     if (sent != 0) {

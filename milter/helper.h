@@ -62,8 +62,10 @@ class Helper
 
   private:
     struct Channel; /* one helper's request socket, shared by the jobs that use it */
-    /* channel - the running helper's, waiting up to wait for one while none runs */
-    std::shared_ptr<Channel> channel(std::chrono::milliseconds wait) const;
+    /* channel - the running helper's (not dead's), waiting up to wait for one while there is
+     * none; NULL when none came, or after stop() */
+    std::shared_ptr<Channel> channel(std::chrono::milliseconds wait,
+                                     const std::shared_ptr<Channel> &dead) const;
     int spawn();
     std::atomic<uint64_t> jobs_{0}; /* the last job's number */
 
