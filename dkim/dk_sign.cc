@@ -11,6 +11,8 @@
 #include <openssl/pem.h>
 #include <openssl/ui.h>
 #include <openssl/x509.h>
+#include <string>
+#include <utility>
 #include <vector>
 
 enum {
@@ -152,11 +154,11 @@ int dk_sign_key_failure(int32_t status)
            status == DKIM_STAT_KEYFAIL || status == DKIM_STAT_NOKEY;
 }
 
-int dk_sign_algorithm_for(const char *key)
+/* algorithm_of - the key's algorithm from its PKCS#8 wrapper alone: no key is built, which
+ * would cost as much as the signature.  PKCS#1 ("RSA PRIVATE KEY", or bare DER "MII...") is
+ * RSA by its very form. */
+static int algorithm_of(const char *key)
 {
-    /* the key's algorithm from its PKCS#8 wrapper alone: no key is built, which would
-     * cost as much as the signature.  PKCS#1 ("RSA PRIVATE KEY", or bare DER "MII...")
-     * is RSA by its very form. */
     BIO *bio = BIO_new_mem_buf(key, -1);
     PKCS8_PRIV_KEY_INFO *p8 =
         bio != nullptr ? PEM_read_bio_PKCS8_PRIV_KEY_INFO(bio, nullptr, nullptr, nullptr) : nullptr;
@@ -178,6 +180,83 @@ int dk_sign_algorithm_for(const char *key)
     return nid == NID_ED25519 ? DKIM_SIGN_ED25519SHA256 : DKIM_SIGN_RSASHA256;
 }
 
+int dk_sign_algorithm_for(const char *key)
+{
+    /* a worker meets the same few keys message after message: each text is decoded once.
+     * The same bytes are the same key; an edited key file gives other bytes. */
+    struct Known {
+        std::string text;
+        int algorithm;
+    };
+    static std::vector<Known> *known = new std::vector<Known>; /* never torn down */
+    static const size_t KNOWN_MAX = 8;
+    for (const Known &k : *known)
+        if (k.text == key) return k.algorithm;
+    int algorithm = algorithm_of(key);
+    if (known->size() == KNOWN_MAX) {
+        OPENSSL_cleanse(known->front().text.data(), known->front().text.size());
+        known->erase(known->begin());
+    }
+    known->push_back({key, algorithm});
+    return algorithm;
+}
+
+namespace
+{
+
+/* FieldList - a NULL-ended list of field names as last set on the library, in storage of
+ * its own; valid false when nothing is known to be set */
+struct FieldList {
+    std::vector<std::string> names;
+    std::vector<const char *> list;
+    bool valid = false;
+
+    bool same(const char *const *other) const
+    {
+        if (!valid) return false;
+        size_t i = 0;
+        for (; other[i] != nullptr; i++)
+            if (i >= names.size() || names[i] != other[i]) return false;
+        return i == names.size();
+    }
+};
+
+/* Library - the process's one library instance and the field lists set on it.  Making an
+ * instance re-reads the resolver's configuration, and a header list compiles to a regular
+ * expression: a process that signs message after message pays both once. */
+struct Library {
+    DKIM_LIB *lib = nullptr;
+    FieldList signed_fields, oversigned;
+};
+
+Library &library()
+{
+    static Library *kept = new Library; /* lives as long as the process: never torn down */
+    return *kept;
+}
+
+/* set_fields - put the list (NULL: none) on the library as option, unless it is there
+ * already; 0 when it is set, -1 when the library refused it (nothing is then known) */
+int set_fields(DKIM_LIB *lib, dkim_opts_t option, FieldList &kept, const char *const *list)
+{
+    static const char *const nothing[] = {nullptr};
+    if (kept.same(list != nullptr ? list : nothing)) return 0;
+    FieldList next;
+    for (const char *const *n = list; n != nullptr && *n != nullptr; n++)
+        next.names.push_back(*n);
+    for (const std::string &name : next.names)
+        next.list.push_back(name.c_str());
+    next.list.push_back(nullptr);
+    kept.valid = false;
+    void *data = list != nullptr ? (void *)next.list.data() : nullptr;
+    if (dkim_options(lib, DKIM_OP_SETOPT, option, data, sizeof(data)) != DKIM_STAT_OK) return -1;
+    next.valid = true;
+    kept = std::move(next);
+    return 0;
+}
+
+} // namespace
+
 void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
                   const char *const *headers, const char *const *oversign, FILE *message,
                   dk_result **results)
@@ -186,7 +265,9 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
         results[i] = dk_result_init();
         if (results[i] == nullptr) messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
     }
-    DKIM_LIB *lib = dk_init(results[0], 0);
+    Library &kept = library();
+    if (kept.lib == nullptr) kept.lib = dk_init(results[0], 0);
+    DKIM_LIB *lib = kept.lib;
     if (lib == nullptr) {
         for (size_t i = 1; i < n; i++)
             results[i]->status = results[0]->status,
@@ -196,9 +277,14 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
     /* a passphrase-protected key must fail, not prompt on stderr (the chain's verdict
      * channel) or wait for a terminal: OpenSSL asks its default UI, which answers nothing */
     UI_set_default_method(UI_null());
-    if (oversign != nullptr && oversign[0] != nullptr)
-        dkim_options(lib, DKIM_OP_SETOPT, DKIM_OPTS_OVERSIGNHDRS, (void *)oversign,
-                     sizeof(oversign));
+    /* an earlier call's oversigned fields are no business of this one */
+    bool oversigning = oversign != nullptr && oversign[0] != nullptr;
+    (void)set_fields(lib, DKIM_OPTS_OVERSIGNHDRS, kept.oversigned,
+                     oversigning ? oversign : nullptr);
+    /* the same regular expression as on each handle, made once for the library; a list
+     * the library will not take there is left to each handle, where it fares as ever */
+    const char *const *fields = headers != nullptr ? headers : SIGNED_HEADERS;
+    bool per_handle = set_fields(lib, DKIM_OPTS_SIGNHDRS, kept.signed_fields, fields) != 0;
     std::vector<DKIM *> handles(n);
     for (size_t i = 0; i < n; i++) {
         DKIM_STAT status = DKIM_STAT_OK;
@@ -212,7 +298,7 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
                 asprintf_safe("Unable to initialize DKIM siginig process: %s", status_text(status));
             continue;
         }
-        dkim_signhdrs(handles[i], headers != nullptr ? (const char **)headers : SIGNED_HEADERS);
+        if (per_handle) dkim_signhdrs(handles[i], (const char **)fields);
     }
     std::vector<DKIM *> fed = handles; /* the feed drops a handle the library refused */
     feed_each(fed.data(), results, n, message);
@@ -226,7 +312,6 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
         }
         dkim_free(handles[i]);
     }
-    dkim_close(lib);
 }
 
 size_t dk_sign_canonical_length(const char *field, size_t length)

@@ -1,9 +1,11 @@
 /*
  * dk_sign - one DKIM signature over a spooled message, through libopendkim.
  *
- * keyseal() opens its own library instance and signing handle, streams the
- * message (LF line ends repaired to CR LF) and returns a result record that
- * the caller owns and releases with dk_result_free():
+ * keyseal() takes a signing handle of the process's one library instance (made on
+ * first use and kept: a process that signs message after message pays for it once;
+ * each call sets the fields it signs and oversigns), streams the message (LF line
+ * ends repaired to CR LF) and returns a result record that the caller owns and
+ * releases with dk_result_free():
  *   status 0: text is the complete "DKIM-Signature: ..." header, every line
  *             ended by "\n" (no CR), continuation lines starting with TAB;
  *   else:     a DKIM_STAT code, text a one-line message or NULL.
@@ -49,7 +51,8 @@ void keyseal_each(const char *domain, const dk_signer *signers, size_t n,
                   const char *const *headers, const char *const *oversign, FILE *message,
                   dk_result **results);
 /* dk_sign_algorithm_for - DKIM_SIGN_ED25519SHA256 for an Ed25519 key's text, else
- * DKIM_SIGN_RSASHA256 (an unreadable key fails later, where any key would) */
+ * DKIM_SIGN_RSASHA256 (an unreadable key fails later, where any key would).  The answers
+ * for the last few key texts are kept, the texts with them, wiped when they go. */
 int dk_sign_algorithm_for(const char *key);
 /* dk_init - a library instance with flags 0x600 | flags, or NULL with result filled */
 DKIM_LIB *dk_init(dk_result *result, unsigned int flags);

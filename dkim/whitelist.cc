@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <sys/stat.h>
 
 namespace halyx::mail::dkim
 {
@@ -89,11 +91,46 @@ void Whitelist::save() const
 
 } // namespace halyx::mail::dkim
 
+namespace
+{
+
+/* Read - the whitelist file's networks as last read, and the file as it stood then */
+struct Read {
+    struct stat file;
+    halyx::mail::dkim::Whitelist list;
+};
+
+/* same_file - the same file, unchanged since it was read: a replaced file is another inode,
+ * an edited one has another size or change time */
+bool same_file(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+} // namespace
+
+/* dkim_whitelist_contains - a process asking message after message (keyseal-milter's
+ * worker) reads the file again only when it changed; one that cannot be stat'ed is read
+ * (and found missing) every time */
 extern "C" bool dkim_whitelist_contains(const char *ip)
 {
+    static std::unique_ptr<Read> *kept = new std::unique_ptr<Read>; /* never torn down */
     try {
-        return halyx::mail::dkim::Whitelist().check(ip);
+        struct stat file;
+        if (stat(DK_WHITELIST_PATH, &file) != 0) {
+            kept->reset();
+            return halyx::mail::dkim::Whitelist().check(ip);
+        }
+        /* stat'ed before it is read: a change in between is seen at the next message */
+        if (*kept == nullptr || !same_file((*kept)->file, file)) {
+            kept->reset();
+            *kept = std::make_unique<Read>(Read{file, halyx::mail::dkim::Whitelist()});
+        }
+        return (*kept)->list.check(ip);
     } catch (...) {
+        kept->reset();
         halyx_log(LOG_ERR, "Unable to check DKIM sign whitelist for %s", ip);
         return false;
     }

@@ -7,8 +7,11 @@
  * it as a Result.  The message file is signed where it stands: no spool file is made.
  * The handler's log identity (syslog ident "keyseal", level informational) is taken on the
  * first call of a process; each message logs under its queue id as trace id, with
- * OpenSSL's error queue cleared; the engine keeps nothing between calls.  The process's
- * environment is neither read nor changed for a message.
+ * OpenSSL's error queue cleared.  Between calls the engine keeps only what no change of a
+ * file can leave stale: its library instance with the header lists last set, the
+ * whitelist's networks until the file changes, and each key text's algorithm; a key or
+ * whitelist file changed counts from the next message on.  The process's environment is
+ * neither read nor changed for a message.
  * worker_main() is a worker's life and never returns; the process ends with _exit.
  */
 #ifndef KEYSEAL_MILTER_WORKER_H

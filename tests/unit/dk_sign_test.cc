@@ -2,6 +2,7 @@
 // every output of the real binary goes through dkimpy.
 #include "admin/admin.h"
 #include "dkim/dk_sign.h"
+#include "milter/milter_conf.h"
 
 #include <gtest/gtest.h>
 
@@ -107,6 +108,79 @@ TEST(DkSign, EachSignerAnsweredOnItsOwn)
     EXPECT_NE(std::string(r[1]->text ? r[1]->text : "").find("s=s;"), std::string::npos);
     dk_result_free(r[0]);
     dk_result_free(r[1]);
+}
+
+/* h_tag - a signature's h= value, its folding white space taken out */
+std::string h_tag(const std::string &header)
+{
+    std::string flat;
+    for (char ch : header)
+        if (ch != ' ' && ch != '\t' && ch != '\n') flat += ch;
+    size_t at = flat.find(";h=");
+    return at == std::string::npos ? "" : flat.substr(at + 3, flat.find(';', at + 3) - at - 3);
+}
+
+// keyseal-milter's worker signs message after message in one process: each call's fields
+// and oversigned fields, never an earlier call's, make its h=.
+TEST(DkSign, EachCallSignsItsOwnFields)
+{
+    const std::string k = pem_key(2048),
+                      msg = "Received: by x\nFrom: a@example.com\nTo: b@example.net\n"
+                            "Subject: s\nDate: d\nX-A: 1\n\nbody\n";
+    static const char *const date[] = {"From", "Date", nullptr};
+    static const char *const wild[] = {"from", "x-*", "Resent-*", nullptr};
+    static const char *const over[] = {"From", "Subject", nullptr}, *const none[] = {nullptr};
+    /* keyseal-milter's own sets, as it signs when not told otherwise */
+    const keyseal_milter::Config conf;
+    std::vector<const char *> conf_headers, conf_oversign;
+    for (const auto &name : conf.headers)
+        conf_headers.push_back(name.c_str());
+    for (const auto &name : conf.oversign)
+        conf_oversign.push_back(name.c_str());
+    conf_headers.push_back(nullptr), conf_oversign.push_back(nullptr);
+    const struct {
+        const char *const *headers, *const *oversign;
+        const char *h;
+    } cases[] = {
+        {conf_headers.data(), conf_oversign.data(),
+         "From:To:Subject:Date:From:To:Cc:Reply-To:Subject:Date:Message-ID:MIME-Version:"
+         "Content-Type"},
+        {nullptr, nullptr, "Received:From:To:Subject"},
+        {date, nullptr, "From:Date"},
+        {date, over, "From:Date:From:Subject"},
+        {date, none, "From:Date"},
+        {wild, over, "From:X-A:From:Subject"},
+        {nullptr, nullptr, "Received:From:To:Subject"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.h);
+        const dk_signer one = {"s", k.c_str(), DKIM_SIGN_DEFAULT};
+        dk_result *r;
+        FILE *f = fmemopen((void *)msg.data(), msg.size(), "r");
+        keyseal_each("example.com", &one, 1, c.headers, c.oversign, f, &r);
+        fclose(f);
+        EXPECT_EQ(h_tag(r->text ? r->text : ""), c.h);
+        dk_result_free(r);
+    }
+}
+
+// The algorithm comes from each key's own text, whatever came before it.
+TEST(DkSign, AlgorithmOfEachKeyText)
+{
+    const std::string rsa = pem_key(1024),
+                      ed = keyseal_admin::key_pem(
+                          keyseal_admin::Pkey(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"))
+                              .get());
+    const struct {
+        std::string key;
+        int algorithm;
+    } cases[] = {
+        {rsa, DKIM_SIGN_RSASHA256},    {ed, DKIM_SIGN_ED25519SHA256},
+        {rsa, DKIM_SIGN_RSASHA256},    {ed + "\n", DKIM_SIGN_ED25519SHA256},
+        {ed, DKIM_SIGN_ED25519SHA256},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(dk_sign_algorithm_for(c.key.c_str()), c.algorithm) << c.key;
 }
 
 } // namespace

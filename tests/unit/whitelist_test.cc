@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -89,6 +90,49 @@ TEST_F(WhitelistFile, FailedWriteKeepsTheOldFile)
     CaptureStderr();
     Whitelist(dir + "/" + std::string(4096 - dir.size() - 8, 'w')).addNetwork("10.0.0.1", 32);
     EXPECT_NE(GetCapturedStderr().find(": File name too long\n"), std::string::npos);
+}
+
+// keyseal-milter's worker asks message after message in one process: each change of the
+// file counts from the next question on, however it was made.
+TEST_F(WhitelistFile, EachChangeCountsFromTheNextQuestion)
+{
+    const std::string file = DK_WHITELIST_PATH;
+    /* stamp - the file's modification time set to a fixed second and this nanosecond */
+    auto stamp = [](const std::string &f, long ns) {
+        const timespec times[2] = {{1000000000, ns}, {1000000000, ns}};
+        ASSERT_EQ(utimensat(AT_FDCWD, f.c_str(), times, 0), 0);
+    };
+    const struct {
+        const char *name;
+        std::function<void()> change;
+        const char *ip;
+        bool on;
+    } steps[] = {
+        {"written", [&] { write_file(file, "10.0.0.1\n"), stamp(file, 0); }, "10.0.0.1", true},
+        {"unchanged", [] {}, "10.0.0.2", false},
+        {"edited in place, the size kept",
+         [&] {
+             FILE *f = fopen(file.c_str(), "r+");
+             fputs("10.0.0.2\n", f), fclose(f), stamp(file, 1);
+         },
+         "10.0.0.2", true},
+        {"replaced, the size and time kept",
+         [&] {
+             write_file(file + ".new", "10.0.0.3\n"), stamp(file + ".new", 1);
+             rename((file + ".new").c_str(), file.c_str());
+         },
+         "10.0.0.3", true},
+        {"removed", [&] { unlink(file.c_str()); }, "10.0.0.3", false},
+        {"back", [&] { write_file(file, "10.0.0.4\n"); }, "10.0.0.4", true},
+        {"a directory", [&] { unlink(file.c_str()), mkdir(file.c_str(), 0755); }, "10.0.0.4",
+         false},
+    };
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.name);
+        step.change();
+        EXPECT_EQ(dkim_whitelist_contains(step.ip), step.on);
+    }
+    rmdir(file.c_str());
 }
 
 } // namespace
