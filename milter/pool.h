@@ -14,25 +14,27 @@
  * to one reader), writes the framed Result to the job's done pipe, and takes the next.  A
  * job that waited in the socket past its time limit is answered at once ("no worker was
  * free").  In the memory it shares with the helper (PoolShared) a worker says which job it
- * serves until when; it arms its own timer for SIGTERM at that deadline (it removes its
- * spool file), and the helper sends SIGKILL KILL_GRACE seconds later should it live on.
- * The helper reaps a worker that ends in a job and tells the milter why (Answer::FAILED,
- * by the job's number); it forks workers up to the latest Limits.workers, keeping SPARES
- * idle ones (a worker that takes the last spares wakes it through the poke eventfd); an
- * idle worker leaves when there are more than the cap or IDLE_MAX idle ones.
+ * serves until when; it arms its own timer for SIGTERM at that deadline, and the helper sends
+ * SIGKILL KILL_GRACE seconds later should it live on. The helper reaps a worker that ends in a job
+ * and tells the milter why (Answer::FAILED, by the job's number); it forks workers up to the latest
+ * Limits.workers, keeping SPARES idle ones (a worker that takes the last spares wakes it through
+ * the poke eventfd); an idle worker leaves when there are more than the cap or IDLE_MAX idle ones.
  *
  * Ownership:
  *   process   descriptors                                  signals
- *   milter    listening socket, requests' milter end,      SIGHUP reload, SIGTERM/SIGINT
- *             each job's message and done pipe reader       drain and stop (main thread);
- *             while it waits; the helper's pidfd            the helper by its pidfd
+ *   milter    listening socket, each connection (its       SIGHUP, SIGTERM, SIGINT blocked in
+ *             read-ahead), requests' milter end, each      every thread from the start, read
+ *             job's message and done pipe reader while     by the main thread's signalfd
+ *             it waits; the helper's pidfd, the signal-    (supervisor.h); libmilter's signal
+ *             fd, libmilter's end eventfd (main thread)     thread takes none; SIGPIPE ignored
  *   helper    requests' helper end (fd 3), the poke         SIGCHLD by signalfd; SIGHUP,
  *             eventfd, SIGCHLD's signalfd; no job's         SIGINT, SIGPIPE ignored;
  *             descriptor ever                               SIGTERM ends it
- *   worker    requests' helper end (it reads jobs there),   SIGTERM: time limit, by its own
- *             the poke eventfd; its job's message, done    timer (the spool file goes);
- *             pipe writer (and job file) while it serves   parent-death signal SIGTERM;
- *             it                                           SIGHUP, SIGINT ignored
+ *   worker    requests' helper end (it reads jobs there),   SIGTERM: its time limit, by its
+ *             the poke eventfd; its job's message, done    own timer, and the parent-death
+ *             pipe writer (and job file) while it serves   signal (no spool file to remove:
+ *             it                                           it signs in place); SIGHUP, SIGINT
+ *                                                          ignored
  * The helper ends when the milter's end of the requests is shut, after its workers took
  * the jobs still queued and finished them.  pool_main() never returns.
  */

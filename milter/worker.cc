@@ -126,7 +126,8 @@ void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke, int
     /* the handler's lines, under the handler's name: keyseal-admin report counts them */
     program_invocation_short_name = (char *)"keyseal";
     /* the time limit, kept here: SIGTERM at the job's deadline, as the helper would send it
-     * (the spool file goes); the helper's SIGKILL follows should that not end it */
+     * (it signs in place: nothing to remove); the helper's SIGKILL follows should that not end it
+     */
     sigevent at_deadline{};
     at_deadline.sigev_notify = SIGEV_SIGNAL;
     at_deadline.sigev_signo = SIGTERM;
