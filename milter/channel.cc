@@ -12,7 +12,7 @@ namespace keyseal_milter
 
 enum { MAX_FDS = 4 }; /* more than any request carries: an excess is seen, and refused */
 
-int send_fds(int sock, const void *data, size_t length, const int *fds, int n)
+int send_fds(int sock, const void *data, size_t length, const int *fds, int n, int flags)
 {
     char control[CMSG_SPACE(MAX_FDS * sizeof(int))] = {};
     iovec iov{const_cast<void *>(data), length};
@@ -28,7 +28,7 @@ int send_fds(int sock, const void *data, size_t length, const int *fds, int n)
     memcpy(CMSG_DATA(c), fds, (size_t)n * sizeof(int));
     ssize_t sent;
     do
-        sent = sendmsg(sock, &msg, MSG_NOSIGNAL);
+        sent = sendmsg(sock, &msg, MSG_NOSIGNAL | flags);
     while (sent < 0 && errno == EINTR);
     if (sent < 0) return -1;
     if ((size_t)sent != length) return errno = EMSGSIZE, -1;

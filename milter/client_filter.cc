@@ -148,10 +148,16 @@ int filter_accept(int fd, sockaddr *addr, socklen_t *len)
         memcpy(addr, &peer, std::min<socklen_t>(*len, peer_len));
         *len = peer_len;
     }
-    if (conn < PEERS) {
-        forget(conn);
-        peers[conn].tracked = true;
+    if (conn >= PEERS) {
+        /* a connection whose packets cannot be followed is not taken (LimitNOFILE keeps
+         * descriptors far below this) */
+        halyx_log(LOG_WARNING, MILTER_LOG_TOO_MANY, conn);
+        syscall(SYS_close, conn);
+        errno = EINTR;
+        return -1;
     }
+    forget(conn);
+    peers[conn].tracked = true;
     return conn;
 }
 

@@ -48,11 +48,11 @@ int memory_file(const char *name, const std::string &data)
 }
 
 /* wait_readable - poll one descriptor: 1 readable (or hung up), 0 not within ms, -1 */
-int wait_readable(int fd, int ms)
+int wait_readable(int fd, int ms, short events = POLLIN)
 {
     auto until = Clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
-        pollfd p{fd, POLLIN, 0};
+        pollfd p{fd, events, 0};
         int ready = poll(&p, 1, ms);
         if (ready >= 0 || errno != EINTR) return ready;
         ms = (int)std::max<long>(
@@ -275,18 +275,31 @@ Result Helper::run(const Job &job, int message_fd, const Limits &limits)
     }
     fds[REQUEST_DONE] = done[1];
     std::string bytes = encode(request);
-    int sent = send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request));
+    /* with every worker busy and the socket's queue full, room is waited for within the
+     * time limit, never longer */
+    auto send = [&] {
+        for (;;) {
+            if (send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request),
+                         MSG_DONTWAIT) == 0)
+                return 0;
+            if (errno != EAGAIN) return -1;
+            if (wait_readable(ch->sock, (int)std::max<long>(left().count(), 0), POLLOUT) <= 0)
+                return errno = ETIMEDOUT, -1;
+        }
+    };
+    int sent = send();
     int send_errno = errno;
     /* a helper that died before its end was seen: the job goes to the one replacing it */
     while (sent != 0 && (send_errno == EPIPE || send_errno == ECONNRESET) &&
            (ch = channel(left(), ch)) != nullptr) {
-        sent = send_fds(ch->sock, bytes.data(), bytes.size(), fds, request_fds(request));
+        sent = send();
         send_errno = errno;
     }
     if (fds[REQUEST_JOB] >= 0) close(fds[REQUEST_JOB]);
     close(done[1]); /* the worker's alone now: its end is the job's end */
     if (sent != 0) {
         close(done[0]);
+        if (send_errno == ETIMEDOUT) return no_worker_free(limits.timeout, limits.workers);
         return retryable(std::string("the signing helper does not take work: ") +
                          strerror(send_errno));
     }

@@ -31,6 +31,8 @@
 #define MILTER_LOG_MANY_FROM "%s: signed d=%s but the message has %d From: addresses"
 /* the peer's address */
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
+/* the descriptor */
+#define MILTER_LOG_TOO_MANY "refused a connection on descriptor %d: more open files than followed"
 #define MILTER_LOG_MALFORMED                                                                       \
     "ended a connection that sent a malformed macro packet (names and values unpaired)"
 /* pid, how it ended */

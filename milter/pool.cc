@@ -164,7 +164,12 @@ struct Pool {
                                ? "the handler ran past the time limit of " +
                                      std::to_string(slot.timeout.load()) + " s and was killed"
                                : "the handler ended (" + ended_how(status) + ")");
-            if (state != SLOT_LEAVING) shared->live--;
+            /* a worker killed between counting itself off and saying so (pool_leave) is
+             * counted off once more here: never below none, or no worker would be forked */
+            for (uint32_t live = shared->live.load();
+                 state != SLOT_LEAVING && live > 0 &&
+                 !shared->live.compare_exchange_weak(live, live - 1);) {
+            }
             slot.state.store(SLOT_FREE);
             workers.erase(w);
         }

@@ -88,6 +88,12 @@ Result retryable(const std::string &why)
     return r;
 }
 
+Result no_worker_free(uint32_t timeout, uint32_t workers)
+{
+    return retryable("no worker was free within the time limit of " + std::to_string(timeout) +
+                     " s (workers " + std::to_string(workers) + ")");
+}
+
 std::string encode(const Job &job)
 {
     Writer w;

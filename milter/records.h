@@ -113,6 +113,8 @@ bool unframe(std::string_view in, std::string_view &record);
 
 /* retryable - a failed Result that a later try may cure, saying why */
 Result retryable(const std::string &why);
+/* no_worker_free - the failed Result of a job that waited its whole time limit for a worker */
+Result no_worker_free(uint32_t timeout, uint32_t workers);
 
 std::string encode(const Job &job);
 std::string encode(const Result &result);

@@ -163,9 +163,7 @@ void worker_main(int requests, PoolShared &shared, PoolSlot &slot, int poke, int
         if (!whole || !decode(request.job, job)) {
             result.reason = "the job could not be read";
         } else if ((int64_t)now.tv_sec * 1000000000 + now.tv_nsec >= deadline) {
-            result = retryable("no worker was free within the time limit of " +
-                               std::to_string(request.limits.timeout) + " s (workers " +
-                               std::to_string(shared.cap.load()) + ")");
+            result = no_worker_free(request.limits.timeout, shared.cap.load());
         } else {
             slot.seq.store(request.seq), slot.timeout.store(request.limits.timeout);
             slot.deadline_ns.store(deadline);
