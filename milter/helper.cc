@@ -136,8 +136,8 @@ int Helper::spawn()
     posix_spawnattr_t attr;
     posix_spawn_file_actions_init(&files);
     posix_spawnattr_init(&attr);
-    /* a threaded process's child runs nothing of ours before exec; it starts with no
-     * signal blocked and the ones we handle at their defaults (pool_main sets its own) */
+    /* a threaded process's child runs nothing of ours before exec; the signals we handle
+     * are at their defaults (pool_main sets its own dispositions and mask) */
     posix_spawn_file_actions_adddup2(&files, sv[1], POOL_REQUESTS_FD);
     posix_spawn_file_actions_addclosefrom_np(&files, POOL_REQUESTS_FD + 1);
     sigset_t none, ours;

@@ -44,7 +44,8 @@ namespace
 {
 
 /* Before anything else, the library's constructors excepted: a signal that arrives while
- * keyseal-milter starts waits for the supervisor instead of ending the process. */
+ * keyseal-milter starts waits for the supervisor instead of ending the process.  The helper,
+ * the same program, sets its own mask (pool_main). */
 __attribute__((constructor)) void block_owned_signals()
 {
     signals_block();
@@ -97,13 +98,8 @@ extern "C" int sigwait(const sigset_t *, int *)
 
 int main(int argc, char **argv)
 {
-    if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0) {
-        /* the helper owns its signals itself */
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (argc == 2 && strcmp(argv[1], POOL_ARGUMENT) == 0)
         pool_main(POOL_REQUESTS_FD, key_cache_keep); /* the cache is this program's */
-    }
     /* a closed standard descriptor must not become the listening socket's number, which a
      * child would then keep */
     if (mh_std_fds_open() != 0) return 1;

@@ -230,6 +230,10 @@ void pool_main(int requests, void (*worker_start)())
     signal(SIGHUP, SIG_IGN); /* the milter reloads; its helper follows the milter */
     signal(SIGINT, SIG_IGN);
     signal(SIGTERM, SIG_DFL);
+    /* the program's start blocked the milter's signals (main.cc): none is blocked here */
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     warm_up();
     Pool p;
     p.requests = requests;

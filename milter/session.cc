@@ -9,7 +9,6 @@
 #include "milter/verdict.h"
 
 #include "dkim/dk_key.h"
-#include "dkim/dk_policy.h"
 #include "dkim/dk_sign.h"
 #include "mailhandler/mh_handler.h"
 #include "util/file_utils.h"
@@ -23,7 +22,6 @@
 #include <memory>
 #include <strings.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
