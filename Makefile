@@ -27,8 +27,9 @@ DEB_PACKAGES = build-essential cmake make g++ pkg-config libopendkim-dev libssl-
 	zlib1g-dev libzstd-dev googletest libgtest-dev libgmock-dev openssl util-linux iproute2 \
 	python3 python3-dkim python3-nacl python3-cryptography python3-dnspython python3-pytest libcli11-dev libmail-dkim-perl \
 	nsd scdoc debhelper dpkg-dev lintian git zlib1g-dev nlohmann-json3-dev rsyslog \
-	libmilter-dev libpsl-dev libsystemd-dev publicsuffix postfix sasl2-bin libsasl2-modules systemd
-TEST_SERVERS = nsd rsyslog postfix opendkim rspamd
+	libmilter-dev libpsl-dev libsystemd-dev libldns-dev libmicrohttpd-dev publicsuffix postfix sasl2-bin libsasl2-modules systemd \
+	knot unbound prometheus
+TEST_SERVERS = nsd rsyslog postfix knot unbound prometheus opendkim rspamd
 # opendkim and rspamd: the usual signing milter and a filter that signs as a milter, the
 # peers of the through-Postfix rows (never started as services: the benchmark runs them in
 # its own namespace)
