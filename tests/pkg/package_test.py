@@ -71,6 +71,8 @@ def main():
     # the exposure score in tenths, as systemd-analyze's --threshold counts it
     exposure = subprocess.run(["systemd-analyze", "security", "--offline=true", "--threshold=25",
                                unit_path], capture_output=True).returncode
+    rotate_units = [os.path.exists(f"{root}/lib/systemd/system/keyseal-rotate.{u}") for u in ("service", "timer")]
+    rotate_enabled = os.path.lexists(root + "/etc/systemd/system/timers.target.wants/keyseal-rotate.timer")
     chroot(root, "dpkg", "--purge", "keyseal")
     postfix_after = [chroot(root, "postconf", flag).stdout for flag in ("-n", "-P")]
     steps = [("spool directory 1730", spool_mode == 0o1730),
@@ -81,6 +83,7 @@ def main():
               {"Restart=on-failure", "ExecReload=/bin/kill -HUP $MAINPID", "KillMode=mixed",
                "RuntimeDirectory=keyseal-milter"} <= set(unit)),
              ("systemd unit: exposure 2.5 at most", unit and exposure == 0),
+             ("rotation timer and service installed, not enabled", all(rotate_units) and not rotate_enabled),
              ("socket directory keyseal:postfix 2750",
               (sock.st_uid, sock.st_gid, sock.st_mode & 0o7777) == (keyseal_uid, postfix_gid, 0o2750)),
              ("postfix setup names the milter", set_up == b"unix:/keyseal/milter.sock"),
