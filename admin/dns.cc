@@ -1,4 +1,5 @@
 #include "admin/admin.h"
+#include "admin/rotate_auto.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
@@ -340,6 +341,8 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
     if (!all) {
         check_names(domain, selector);
         Report report;
+        /* a delegated domain's selectors are the fixed two, reached through its owner's CNAMEs */
+        if (check_delegation(domain, ns, report)) return report.exit_status();
         check_key(domain, selector, ns, user, report);
         if (user != nullptr) user->check_files(report);
         return report.exit_status();

@@ -5,6 +5,7 @@
  */
 #include "admin/admin.h"
 #include "admin/dns_update.h"
+#include "admin/rotate_auto.h"
 
 #include "dkim/dk_key.h"
 #include "util/halyx_log.h"
@@ -163,6 +164,15 @@ int main(int argc, char **argv)
     auto *retire = rotate->add_subcommand("retire", "move the old key aside after a week");
     retire->add_option("DOMAIN", domain, "the signing domain")->required();
     retire->add_flag("--force", force, "retire before the grace period is over");
+    rotate->add_subcommand("auto", "take every domain one step further when its time has come");
+    int delegate_wait = 0;
+    auto *delegate = app.add_subcommand(
+        "delegate", "put a domain on the two fixed selectors its owner's CNAMEs point at");
+    delegate->add_option("DOMAIN", domain, "the signing domain")->required();
+    delegate
+        ->add_option("--wait", delegate_wait,
+                     "seconds to wait for the CNAME to lead to the key, then switch to it")
+        ->check(CLI::NonNegativeNumber);
     bool clean = false;
     long older_than = 3600;
     auto *spool = app.add_subcommand("spool", "list the spool directory; clean old leftovers");
@@ -244,6 +254,8 @@ int main(int argc, char **argv)
             return cmd_rotate_switch(domain, given, force);
         }
         if (name == "rotate retire") return cmd_rotate_retire(domain, force);
+        if (name == "rotate auto") return cmd_rotate_auto();
+        if (name == "delegate") return cmd_delegate(domain, delegate_wait);
         Nameservers ns = parse_nameservers(nameservers);
         std::unique_ptr<Access> as;
         if (!user.empty()) as = std::make_unique<Access>(user);

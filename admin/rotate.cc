@@ -11,8 +11,8 @@
  *   new SELECTOR                 the selector that signs after it
  *   started|switched|retired TIME  when each step was taken (UTC, 2026-11-23T18:00:00Z)
  */
-#include "admin/admin.h"
 #include "admin/dns_update.h"
+#include "admin/rotation.h"
 
 #include "dkim/dk_key.h"
 
@@ -35,196 +35,6 @@ namespace keyseal_admin
 
 namespace
 {
-
-const char STATE_NAME[] = ".rotation";
-const char TIME_FORMAT[] = "%Y-%m-%dT%H:%M:%SZ";
-const time_t GRACE = 7 * 24 * 3600; /* mail in transit for a week still verifies */
-
-std::string time_text(time_t t)
-{
-    char out[32];
-    strftime(out, sizeof(out), TIME_FORMAT, gmtime(&t));
-    return out;
-}
-
-time_t parse_time(const std::string &text)
-{
-    struct tm tm {
-    };
-    const char *end = strptime(text.c_str(), TIME_FORMAT, &tm);
-    return end != nullptr && *end == '\0' ? timegm(&tm) : (time_t)-1;
-}
-
-/* State - one domain's rotation, as its state file holds it */
-struct State {
-    std::string domain, type, old_selector, new_selector;
-    time_t started = -1, switched = -1, retired = -1;
-
-    std::string path() const { return std::string(DK_KEYS_DIR) + "/" + domain + "/" + STATE_NAME; }
-    bool exists() const { return started != -1; }
-    const char *step() const
-    {
-        return retired != -1 ? "retired" : switched != -1 ? "switched" : "staged";
-    }
-
-    void read()
-    {
-        std::ifstream in(path());
-        if (!in) {
-            if (errno == ENOENT) return;
-            throw Problem("cannot read " + errno_text(path()));
-        }
-        std::string line;
-        for (int n = 1; std::getline(in, line); n++) {
-            std::istringstream words(line.substr(0, line.find('#')));
-            std::string name, value;
-            if (!(words >> name)) continue;
-            words >> value;
-            if (name == "type" && (value == "rsa" || value == "ed25519"))
-                type = value;
-            else if (name == "old" && valid_name(value))
-                old_selector = value;
-            else if (name == "new" && valid_name(value))
-                new_selector = value;
-            else if (name == "started" && (started = parse_time(value)) != -1)
-                continue;
-            else if (name == "switched" && (switched = parse_time(value)) != -1)
-                continue;
-            else if (name == "retired" && (retired = parse_time(value)) != -1)
-                continue;
-            else
-                throw Problem(path() + ":" + std::to_string(n) + ": not understood: '" + line +
-                              "' (repair the line, or remove the file to forget the rotation)");
-        }
-        if (started == -1 || type.empty() || old_selector.empty() || new_selector.empty())
-            throw Problem(path() + ": incomplete (type, old, new and started are needed)");
-    }
-
-    void write() const
-    {
-        std::ostringstream out;
-        out << "# keyseal-admin rotate: the key rotation of " << domain << "\n"
-            << "type " << type << "\nold " << old_selector << "\nnew " << new_selector
-            << "\nstarted " << time_text(started) << "\n";
-        if (switched != -1) out << "switched " << time_text(switched) << "\n";
-        if (retired != -1) out << "retired " << time_text(retired) << "\n";
-        if (replace_file(path(), out.str()) != 0)
-            throw Problem("cannot write " + errno_text(path()));
-    }
-};
-
-State load_state(const std::string &domain)
-{
-    State s;
-    s.domain = domain;
-    s.read();
-    return s;
-}
-
-/* Milter - keyseal-milter as installed: its settings and its selector map, read by this
- * program's own small reader of map lines ("DOMAIN SELECTOR [SELECTOR2]", '#' comments)
- * so that a rewrite keeps every other line as it was */
-struct Milter {
-    bool installed = false;
-    keyseal_milter::Config config;
-    std::string map_path;
-    std::vector<std::string> lines; /* the map file's lines, unchanged */
-
-    Milter()
-    {
-        installed = milter_installed();
-        if (!installed) return;
-        try {
-            config = keyseal_milter::load(MILTER_CONF_PATH);
-        } catch (const keyseal_milter::ConfigError &e) {
-            throw Problem(std::string(e.what()) + ": keyseal-milter --check-config names it");
-        }
-        map_path = config.selector_map;
-        std::ifstream in(map_path);
-        if (!in && errno != ENOENT)
-            throw Problem("cannot read the selector map " + errno_text(map_path));
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-    }
-
-    /* same_domain - a map line's domain is this one, compared as keyseal-milter does */
-    static bool same_domain(const std::vector<std::string> &words, const std::string &domain)
-    {
-        if (words.empty()) return false;
-        char *c = dk_domain_canonical(words[0].c_str());
-        bool same = c != nullptr && domain == c;
-        free(c);
-        return same;
-    }
-
-    static std::vector<std::string> words(const std::string &line)
-    {
-        std::istringstream in(line.substr(0, line.find('#')));
-        std::vector<std::string> out;
-        for (std::string w; in >> w;)
-            out.push_back(w);
-        return out;
-    }
-
-    /* selectors - what the domain signs with, as keyseal-milter reads its settings */
-    std::vector<std::string> selectors(const std::string &domain) const
-    {
-        return config.selectors_for(domain);
-    }
-
-    /* switch_selector - the domain's line with old replaced by now (a new line when the
-     * domain had none), written atomically */
-    void switch_selector(const std::string &domain, const std::string &old, const std::string &now)
-    {
-        auto sels = selectors(domain);
-        std::replace(sels.begin(), sels.end(), old, now);
-        std::string line = domain;
-        for (const auto &s : sels)
-            line += " " + s;
-        bool found = false;
-        for (auto &l : lines) {
-            auto w = words(l);
-            if (same_domain(w, domain)) {
-                l = line;
-                found = true;
-            }
-        }
-        if (!found) lines.push_back(line);
-        std::string text;
-        for (const auto &l : lines)
-            text += l + "\n";
-        if (replace_file(map_path, text) != 0)
-            throw Problem("cannot write " + errno_text(map_path));
-    }
-
-    /* reload - keyseal-milter told to read its map again: "" when done, else why not */
-    std::string reload() const
-    {
-        if (access("/run/systemd/system", F_OK) == 0) {
-            Run r = run_program("/bin/systemctl", {"reload", "keyseal-milter"}, {}, "");
-            if (WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) return "";
-            std::string err = r.err.substr(0, r.err.find('\n'));
-            return "systemctl reload keyseal-milter failed" + (err.empty() ? "" : ": " + err);
-        }
-        const std::string &pid_file = config.pid_file;
-        if (pid_file.empty()) return "its pid_file is none, so no process to signal";
-        std::ifstream in(pid_file);
-        long pid = 0;
-        if (!(in >> pid) || pid <= 1) return "no process id in " + pid_file + " (is it running?)";
-        if (kill((pid_t)pid, SIGHUP) != 0)
-            return "cannot signal process " + std::to_string(pid) + " of " + pid_file + ": " +
-                   strerror(errno);
-        return "";
-    }
-};
-
-/* key_of - the key file's key, or null when it cannot be read */
-Pkey key_of(const std::string &domain, const std::string &selector)
-{
-    std::string text;
-    if (read_key_text(key_path(domain, selector), text) != DK_KEY_OK) return nullptr;
-    return load_key(text);
-}
 
 /* taken - a name that must not be the new selector: a key, a kept key, or a selector in use */
 bool taken(const std::string &dir, const std::string &name, const std::vector<std::string> &used)
@@ -308,6 +118,19 @@ void print_next(const State &s)
 
 } // namespace
 
+std::string dated_selector(const std::string &dir, const std::vector<std::string> &used)
+{
+    char day[16];
+    time_t now = time(nullptr);
+    strftime(day, sizeof(day), "s%Y%m%d", gmtime(&now));
+    std::string selector = day;
+    for (char c = 'b'; taken(dir, selector, used); c++) {
+        if (c > 'z') throw Problem("every selector of " + std::string(day) + "[b-z] is taken");
+        selector = std::string(day) + c;
+    }
+    return selector;
+}
+
 int cmd_rotate_start(std::string domain, const std::string &type, std::string selector,
                      const std::string &of, const std::string &replaces)
 {
@@ -329,15 +152,11 @@ int cmd_rotate_start(std::string domain, const std::string &type, std::string se
     std::vector<std::string> used =
         milter.installed ? milter.selectors(domain) : std::vector<std::string>{};
     used.push_back(old);
-    if (selector.empty()) {
-        char day[16];
-        time_t now = time(nullptr);
-        strftime(day, sizeof(day), "s%Y%m%d", gmtime(&now));
-        selector = day;
-        for (char c = 'b'; taken(dir, selector, used); c++) {
-            if (c > 'z') throw Problem("every selector of " + std::string(day) + "[b-z] is taken");
-            selector = std::string(day) + c;
-        }
+    std::string delegated = s.delegated; /* a delegated domain alternates its fixed two */
+    if (selector.empty() && !delegated.empty()) {
+        selector = other_delegated(old);
+    } else if (selector.empty()) {
+        selector = dated_selector(dir, used);
     } else {
         check_names(domain, selector);
         if (taken(dir, selector, used))
@@ -351,12 +170,22 @@ int cmd_rotate_start(std::string domain, const std::string &type, std::string se
     s.type = new_type;
     s.old_selector = old;
     s.new_selector = selector;
+    s.delegated = delegated;
     s.started = time(nullptr);
     try {
         s.write();
     } catch (const Problem &) {
         unlink(key_path(domain, selector).c_str());
         throw;
+    }
+    std::string published = publish_new(s, key.get());
+    if (!published.empty()) {
+        fprintf(stderr, "staged %s: a new %s key %s to replace %s; %s\n", domain.c_str(),
+                new_type == "ed25519" ? "Ed25519" : "RSA 2048-bit",
+                key_path(domain, selector).c_str(), old.c_str(), published.c_str());
+        fprintf(stderr, "then: keyseal-admin rotate switch %s (it waits for every nameserver)\n",
+                domain.c_str());
+        return EXIT_OK;
     }
     fprintf(stderr, "staged %s: a new %s key %s to replace %s; publish this record:\n",
             domain.c_str(), new_type == "ed25519" ? "Ed25519" : "RSA 2048-bit",
@@ -411,14 +240,18 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
                       s.new_selector);
 
     std::string name = s.new_selector + "._domainkey." + domain, zone;
-    /* the one gate of publish and switch, asked once: switch never waits by itself */
+    /* the one gate of publish and switch, asked once: switch never waits by itself; a
+     * delegated domain's also asks the owner's CNAME and the resolver behind it */
     Report report;
-    auto servers = wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report);
     std::string stale;
-    for (const auto &ns : servers)
-        if (!ns.ok())
-            stale += (stale.empty() ? "" : ", ") + ns.ip +
-                     (ns.host != ns.ip ? " (" + ns.host + ")" : "") + " " + ns.why;
+    if (!s.delegated.empty())
+        stale = switch_gate(s, key.get());
+    else
+        for (const auto &ns :
+             wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report))
+            if (!ns.ok())
+                stale += (stale.empty() ? "" : ", ") + ns.ip +
+                         (ns.host != ns.ip ? " (" + ns.host + ")" : "") + " " + ns.why;
     if (!stale.empty() && !force)
         throw Problem("not switched: not every nameserver" +
                       (zone.empty() ? std::string() : " of the zone " + zone) +
@@ -486,6 +319,12 @@ int cmd_rotate_retire(std::string domain, bool force)
     }
     s.retired = now;
     s.write();
+    std::string withdrawn = withdraw_old(s);
+    if (!withdrawn.empty()) {
+        if (!kept.empty()) fprintf(stderr, "moved the old key aside as %s\n", kept.c_str());
+        fprintf(stderr, "%s\n", withdrawn.c_str());
+        return EXIT_OK;
+    }
     if (!kept.empty())
         fprintf(stderr, "moved the old key aside as %s\n", kept.c_str());
     else
