@@ -131,14 +131,17 @@ Gate cname_gate(const std::string &domain, const std::string &selector, const st
 Gate gate(const State &s, const std::string &selector, EVP_PKEY *key)
 {
     try {
+        /* the owner's CNAME first: what only a person can mend is said before a lag */
+        if (!s.delegated.empty()) {
+            Gate g = cname_gate(s.domain, selector, s.delegated);
+            if (!g.why.empty()) return g;
+        }
         std::string name = record_name(s, selector), zone;
         /* the servers of the zone holding the record: the hoster's, or the domain's */
         const std::string &in = s.delegated.empty() ? s.domain : s.delegated;
         for (const auto &a : serves(name, key, zone_servers(in, {}, zone)))
             if (!a.ok()) return {a.host + (a.ip.empty() ? "" : " (" + a.ip + ")") + " " + a.why};
         if (s.delegated.empty()) return {};
-        Gate g = cname_gate(s.domain, selector, s.delegated);
-        if (!g.why.empty()) return g;
         std::string owner = owner_name(s.domain, selector);
         auto records = lookup_txt(owner, {});
         if (records.size() != 1 || !record_matches(record_tags(records[0])["p"], key))
@@ -212,7 +215,8 @@ std::string due_selector(const Milter &milter, const std::string &domain, const 
 void plan_start(Domain &d, const Milter &milter, const DnsConf &conf, const std::string &old)
 {
     State &s = d.s;
-    std::string delegated = s.delegated, dir = std::string(DK_KEYS_DIR) + "/" + s.domain;
+    std::string domain = s.domain, delegated = s.delegated;
+    std::string dir = std::string(DK_KEYS_DIR) + "/" + domain;
     Pkey old_key = key_of(s.domain, old);
     std::string sel;
     if (!delegated.empty()) {
@@ -241,7 +245,7 @@ void plan_start(Domain &d, const Milter &milter, const DnsConf &conf, const std:
     gid_t gid = stat(dir.c_str(), &st) == 0 ? st.st_gid : key_group("");
     write_key(d.key.get(), key_path(s.domain, sel), gid);
     s = State{};
-    s.domain = d.s.domain;
+    s.domain = domain;
     s.type = type;
     s.old_selector = old;
     s.new_selector = sel;
@@ -269,6 +273,8 @@ void switch_domain(State &s, Milter &milter)
     begin(s, "switch");
     milter.switch_selector(s.domain, s.old_selector, s.new_selector);
     s.switched = time(nullptr);
+    /* no key of its own before: nothing to put aside, nothing in transit */
+    if (s.old_selector == NO_SELECTOR) s.retired = s.switched;
     s.pending.clear();
     s.write();
 }
@@ -395,7 +401,8 @@ int cmd_rotate_auto()
                     if (d.s.published == -1) begin(d.s, "publish");
                 }
             } else if (d.s.exists() && d.s.retired == -1) {
-                if (now < d.s.switched + GRACE) {
+                /* a domain delegated with no key of its own before has nothing in transit */
+                if (now < d.s.switched + GRACE && d.s.old_selector != NO_SELECTOR) {
                     d.line = "signing with " + d.s.new_selector + "; " + d.s.old_selector +
                              " retires from " + time_text(d.s.switched + GRACE);
                     d.waiting = true;
@@ -513,10 +520,11 @@ int cmd_rotate_auto()
         moved += d.moved;
         waiting += d.waiting;
     }
-    if (switched > 0 && !reload_or_say(milter)) person = true;
+    bool reloaded = switched > 0 && reload_or_say(milter);
+    if (switched > 0 && !reloaded) person = true;
     printf("rotate auto: %zu domain%s, %d moved, %d waiting, %d UPDATE message%s%s\n", all.size(),
            all.size() == 1 ? "" : "s", moved, waiting, messages, messages == 1 ? "" : "s",
-           switched > 0 ? "; keyseal-milter reloaded" : "");
+           reloaded ? "; keyseal-milter reloaded" : "");
     return person ? EXIT_PROBLEM : EXIT_OK;
 }
 

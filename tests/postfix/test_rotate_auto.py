@@ -250,6 +250,22 @@ def test_killed_mid_step(lab, hoster, step, edit, recorded):
     assert "retired" in state(HOSTED)
 
 
+def test_by_hand_publishes(lab, hoster):
+    """rotate start, switch and retire by hand where keyseal updates the zone: the new record
+    published at the start instead of printed, the old one withdrawn at the retirement."""
+    old = state(HOSTED)["new"]
+    r = lab.admin("rotate", "start", HOSTED)
+    new = state(HOSTED)["new"]
+    assert r.stdout == "" and f"published its record at {new}._domainkey.{HOSTED} (hoster.test)" in r.stderr
+    dns_lab.wait_for(lambda: dns_lab.ask(dns_lab.SECONDARY, f"{new}._domainkey.{HOSTED}")[1], "nsd")
+    lab.admin("rotate", "switch", HOSTED)
+    time.sleep(1)
+    assert signed_with(lab, HOSTED) == [new]
+    r = lab.admin("rotate", "retire", HOSTED, "--force")
+    assert r.stdout == "" and f"withdrew its record {old}._domainkey.{HOSTED} (hoster.test)" in r.stderr
+    assert not dns_lab.ask(dns_lab.PRIMARY, f"{old}._domainkey.{HOSTED}")[1]
+
+
 def test_two_runs_at_once(lab, hoster):
     """The first run holds the lock (its output blocked on a full pipe): the second refuses
     in one line naming it and changes nothing; the first, let go, finishes."""
