@@ -1,4 +1,5 @@
 #include "admin/admin.h"
+#include "admin/dns_update.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
@@ -342,6 +343,7 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
         Report report;
         check_key(domain, selector, ns, user, report);
         if (user != nullptr) user->check_files(report);
+        check_dns_conf(report);
         return report.exit_status();
     }
     auto found = all_keys();
@@ -367,6 +369,7 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
             summary.ok(name);
     }
     if (user != nullptr) user->check_files(summary);
+    check_dns_conf(summary);
     printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
            bad);
     return summary.exit_status();

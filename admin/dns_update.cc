@@ -127,6 +127,7 @@ ldns_resolver *server_resolver(const std::string &ip, uint16_t port, bool recurs
     if (ip.empty()) {
         if (ldns_resolver_new_frm_file(&r, nullptr) != LDNS_STATUS_OK)
             throw Problem("cannot read the resolver's settings /etc/resolv.conf");
+        ldns_resolver_set_recursive(r, true);
         return r;
     }
     r = ldns_resolver_new();
@@ -740,10 +741,6 @@ std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
     return now;
 }
 
-namespace
-{
-
-/* lagging - the servers that do not serve what is wanted, for one line */
 std::string lagging(const std::vector<ServerAnswer> &now)
 {
     std::string out;
@@ -753,6 +750,9 @@ std::string lagging(const std::vector<ServerAnswer> &now)
                    " " + s.why;
     return out;
 }
+
+namespace
+{
 
 /* change - one name's update, said in a line; exit 1 (Problem) when it was not made, else
  * the wait for every server */

@@ -170,6 +170,9 @@ std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
                                       const std::vector<ServerAnswer> &servers, int wait_seconds,
                                       Report &report);
 
+/* lagging - the servers that do not serve what is wanted, for one line: "IP (HOST) WHY, ..." */
+std::string lagging(const std::vector<ServerAnswer> &servers);
+
 /* cmd_dns_publish - the key of DOMAIN/SELECTOR published by UPDATE and waited for */
 int cmd_dns_publish(std::string domain, const std::string &selector, bool force, int wait_seconds);
 /* cmd_dns_withdraw - the TXT record at SELECTOR._domainkey.DOMAIN withdrawn, and waited for */

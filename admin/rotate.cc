@@ -414,11 +414,7 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
     /* the one gate of publish and switch, asked once: switch never waits by itself */
     Report report;
     auto servers = wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report);
-    std::string stale;
-    for (const auto &ns : servers)
-        if (!ns.ok())
-            stale += (stale.empty() ? "" : ", ") + ns.ip +
-                     (ns.host != ns.ip ? " (" + ns.host + ")" : "") + " " + ns.why;
+    std::string stale = lagging(servers);
     if (!stale.empty() && !force)
         throw Problem("not switched: not every nameserver" +
                       (zone.empty() ? std::string() : " of the zone " + zone) +
