@@ -675,6 +675,70 @@ std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtR
     return out;
 }
 
+std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)
+{
+    /* the system's resolver, or the servers given, asked with recursion as a receiver does */
+    LdnsResolver r(ns.empty() ? server_resolver("", 53, true) : ldns_resolver_new());
+    if (!ns.empty()) {
+        ldns_resolver_set_recursive(r.get(), true);
+        ldns_resolver_set_retry(r.get(), 2);
+        ldns_resolver_set_timeout(r.get(), timeval{2, 0});
+        for (const auto &ip : ns) {
+            Rdf addr(ldns_rdf_new_frm_str(LDNS_RDF_TYPE_A, ip.c_str()));
+            if (addr.get() == nullptr) throw Problem("not an IPv4 address: " + ip);
+            ldns_resolver_push_nameserver(r.get(), addr.get());
+        }
+    }
+    Asked a;
+    ask(r.get(), name, LDNS_RR_TYPE_TXT, a);
+    if (!a.answered)
+        throw Problem(a.pkt.get() == nullptr || a.rcode == LDNS_RCODE_SERVFAIL
+                          ? "no answer for " + name + " (server failure or time-out)"
+                          : "the resolver failed for " + name);
+    std::vector<std::string> records;
+    for (ldns_rr *rr : a.rrs)
+        records.push_back(joined(txt_strings(rr)));
+    return records;
+}
+
+std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone)
+{
+    LdnsResolver sys(server_resolver("", 53, true));
+    /* the zone is the closest enclosing name that has an SOA record of its own */
+    for (std::string name = dname(domain);;) {
+        Asked a;
+        ask(sys.get(), name, LDNS_RR_TYPE_SOA, a);
+        for (ldns_rr *rr : a.rrs)
+            if (dname_text(ldns_rr_owner(rr)) == name) zone = name;
+        if (!zone.empty()) break;
+        if (!a.answered)
+            throw Problem("no answer for the SOA record of " + name +
+                          ": name the servers with --nameserver");
+        size_t dot = name.find('.');
+        if (dot == std::string::npos)
+            throw Problem("no zone found above " + domain + ": name the servers with --nameserver");
+        name = name.substr(dot + 1);
+    }
+    Asked hosts;
+    ask(sys.get(), zone, LDNS_RR_TYPE_NS, hosts);
+    std::vector<NameServer> out;
+    for (ldns_rr *rr : hosts.rrs) {
+        std::string host = dname_text(ldns_rr_rdf(rr, 0));
+        Asked addr;
+        ask(sys.get(), host, LDNS_RR_TYPE_A, addr);
+        if (addr.rrs.empty()) out.push_back({host, ""});
+        for (ldns_rr *a : addr.rrs) {
+            char *ip = ldns_rdf2str(ldns_rr_rdf(a, 0));
+            out.push_back({host, ip != nullptr ? ip : ""});
+            free(ip);
+        }
+    }
+    if (out.empty())
+        throw Problem("no NS records for the zone " + zone +
+                      ": name the servers with --nameserver");
+    return out;
+}
+
 std::vector<ServerAnswer> zone_servers(const std::string &name, const Nameservers &given,
                                        std::string &zone)
 {
