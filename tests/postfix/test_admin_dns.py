@@ -32,6 +32,7 @@ def hoster(lab, tmp_path_factory):
         write_conf(d.conf)
         for sel in ("sel1", "sel2"):
             lab.admin("keygen", "hoster.test", "--selector", sel, "--force")
+        lab.admin("keygen", "customer.test", "--selector", "sel1", "--force")
         yield d
     finally:
         with open("/etc/resolv.conf", "w") as f:
@@ -69,29 +70,35 @@ def verifies_through_cname_resolver(domain, selector):
     return dkim.verify(sig + msg, dnsfunc=lookup)
 
 
-def test_publish_and_withdraw_twice(lab, hoster):
+@pytest.mark.parametrize("domain,primary", [
+    ("hoster.test", "the SOA's primary"),
+    ("customer.test", "the primary the settings name"),
+])
+def test_publish_and_withdraw_twice(lab, hoster, domain, primary):
     """Each step twice: the second changes nothing (no UPDATE, the serial stays) and says so;
     the record is the printed one, string for string, on every server."""
-    strings = printed_strings(lab, "hoster.test", "sel1")
+    strings = printed_strings(lab, domain, "sel1")
+    name = "sel1._domainkey." + domain
     steps = [
-        ("publish", ["publish", "hoster.test", "sel1"], r"^published " + NAME, [strings] * 2, True),
-        ("publish again", ["publish", "hoster.test", "sel1"], r"^unchanged: " + NAME, [[strings]] * 2, False),
-        ("withdraw", ["withdraw", "hoster.test", "sel1"], r"^withdrew the TXT record at " + NAME, [[]] * 2, True),
-        ("withdraw again", ["withdraw", "hoster.test", "sel1"], r"^unchanged: there is no TXT", [[]] * 2, False),
+        ("publish", ["publish", domain, "sel1"], r"^published " + name, True),
+        ("publish again", ["publish", domain, "sel1"], r"^unchanged: " + name, False),
+        ("withdraw", ["withdraw", domain, "sel1"], r"^withdrew the TXT record at " + name, True),
+        ("withdraw again", ["withdraw", domain, "sel1"], r"^unchanged: there is no TXT", False),
     ]
-    for step, args, said, held, changes in steps:
-        before = hoster.serial("hoster.test")
+    for step, args, said, changes in steps:
+        before = hoster.serial(domain)
         r = lab.admin("dns", *args, "--wait", "30", check=False)
         assert r.returncode == 0, (step, r.stdout, r.stderr)
         assert re.search(said, r.stdout, re.M), (step, r.stdout)
         for server in (dns_lab.PRIMARY, dns_lab.SECONDARY):
             assert re.search(rf"^ok: {server} \((ns[12]).hoster.test\) serves", r.stdout, re.M), (step, r.stdout)
+        assert re.search(rf"in the zone {domain} at its primary 127\.0\.0\.2$", r.stdout, re.M), (step, primary)
         if step.startswith("publish"):
-            assert published() == [[strings]] * 2, step
-            assert verifies_through_cname_resolver("hoster.test", "sel1"), step
+            assert published(name) == [[strings]] * 2, step
+            assert verifies_through_cname_resolver(domain, "sel1"), step
         else:
-            assert published() == [[], []], step
-        assert (hoster.serial("hoster.test") != before) == changes, step
+            assert published(name) == [[], []], step
+        assert (hoster.serial(domain) != before) == changes, step
 
 
 @pytest.mark.parametrize("case,setup,rc,said", [
