@@ -11,7 +11,14 @@
  *   new SELECTOR                 the selector that signs after it
  *   started|switched|retired TIME  when each step was taken (UTC, 2026-11-23T18:00:00Z)
  */
-#include "admin/admin.h"
+#include "admin/rotate.h"
+
+#include "admin/dns.h"
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "admin/run.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 
@@ -433,7 +440,7 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
     else
         for (const auto &ip : given)
             servers.push_back({ip, ip});
-    Report report;
+    Findings report;
     std::string stale;
     for (const auto &ns : servers) {
         std::string who = ns.ip + (ns.host != ns.ip ? " (" + ns.host + ")" : "");
