@@ -1,5 +1,9 @@
 #include "admin/dns_update.h"
 
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+
 #include "dkim/dk_key.h"
 
 #include <algorithm>
@@ -390,7 +394,7 @@ TsigKey read_tsig_key(const std::string &path)
     return key;
 }
 
-void check_dns_conf(Report &report, const std::string &path)
+void check_dns_conf(Findings &report, const std::string &path)
 {
     DnsConf conf;
     try {
@@ -784,7 +788,7 @@ std::vector<ServerAnswer> serves(const std::string &name, EVP_PKEY *key,
 
 std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
                                       const std::vector<ServerAnswer> &servers, int wait_seconds,
-                                      Report &report)
+                                      Findings &report)
 {
     time_t until = time(nullptr) + wait_seconds;
     std::vector<ServerAnswer> now;
@@ -844,7 +848,7 @@ int change(const std::string &name, const TxtRecord *publish, EVP_PKEY *key, boo
            r.primary.c_str());
     std::string found;
     auto servers = zone_servers(name, {}, found);
-    Report report;
+    Findings report;
     auto now = wait_served(name, key, servers, wait_seconds, report);
     std::string late = lagging(now);
     if (!late.empty())
