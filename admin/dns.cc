@@ -1,5 +1,10 @@
-#include "admin/admin.h"
-#include "admin/rotate_auto.h"
+/*
+ * dns - DNS questions of keyseal-admin: TXT records, a zone's authoritative servers, and the
+ * DKIM library's key lookups, all through one stub resolver.
+ */
+#include "admin/dns.h"
+
+#include "admin/keys.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
@@ -38,6 +43,19 @@ struct Resolver {
     }
     ~Resolver() { res_nclose(&state); }
 };
+
+Nameservers parse_nameservers(const std::string &list)
+{
+    Nameservers ns;
+    std::stringstream in(list);
+    for (std::string ip; std::getline(in, ip, ',');) {
+        in_addr a;
+        if (inet_pton(AF_INET, ip.c_str(), &a) != 1)
+            throw Usage("--nameserver takes IPv4 addresses separated by ',': '" + ip + "'");
+        ns.push_back(ip);
+    }
+    return ns;
+}
 
 namespace
 {
@@ -94,31 +112,6 @@ std::map<std::string, std::string> record_tags(const std::string &record)
     return out;
 }
 
-namespace
-{
-
-/* test_key - libopendkim's own comparison of the published key with the private one */
-void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
-              const Nameservers &ns, Report &report)
-{
-    DkimLibrary lib(ns, 0);
-    std::string pem = key_pem(key);
-    char err[256] = "";
-    int rc = dkim_test_key(lib.get(), (char *)selector.c_str(), (char *)domain.c_str(), pem.data(),
-                           pem.size(), nullptr, err, sizeof(err));
-    OPENSSL_cleanse(pem.data(), pem.size());
-    if (rc == 0)
-        report.ok("the published public key matches the private key");
-    else if (rc == 1)
-        report.error("the published public key does not match the private key: publish the "
-                     "record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-    else
-        report.error(std::string("the DKIM library could not test the key: ") + err);
-}
-
-} // namespace
-
 bool record_matches(const std::string &p, EVP_PKEY *key)
 {
     /* base64 may be split by blanks in a record; the bytes decide, not the spelling */
@@ -147,232 +140,6 @@ DkimLibrary::~DkimLibrary()
     dkim_close(lib_);
 }
 
-std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)
-{
-    Resolver r(ns);
-    unsigned char answer[NS_MAXMSG];
-    int n = res_nquery(&r.state, name.c_str(), ns_c_in, ns_t_txt, answer, sizeof(answer));
-    if (n < 0) {
-        switch (r.state.res_h_errno) {
-        case HOST_NOT_FOUND:
-        case NO_DATA:
-            return {};
-        case TRY_AGAIN:
-            throw Problem("no answer for " + name + " (server failure or time-out)");
-        default:
-            throw Problem("the resolver failed for " + name);
-        }
-    }
-    ns_msg msg;
-    if (ns_initparse(answer, n, &msg) != 0) throw Problem("unreadable DNS answer for " + name);
-    std::vector<std::string> records;
-    for (int i = 0; i < ns_msg_count(msg, ns_s_an); i++) {
-        ns_rr rr;
-        if (ns_parserr(&msg, ns_s_an, i, &rr) != 0 || ns_rr_type(rr) != ns_t_txt) continue;
-        /* RDATA is a run of <length><bytes> strings; a record's value is all of them joined */
-        std::string value;
-        const unsigned char *p = ns_rr_rdata(rr), *end = p + ns_rr_rdlen(rr);
-        while (p < end && p + 1 + *p <= end) {
-            value.append((const char *)p + 1, *p);
-            p += 1 + *p;
-        }
-        records.push_back(value);
-    }
-    return records;
-}
-
-namespace
-{
-
-/* Answer - a reply to one question, parsed by the resolver library; n < 0: no reply */
-struct Answer {
-    unsigned char buf[NS_MAXMSG];
-    int n = -1;
-    int h_errno_ = 0;
-    ns_msg msg{};
-};
-
-void ask(const std::string &name, ns_type type, const Nameservers &ns, Answer &a)
-{
-    Resolver r(ns);
-    a.n = res_nquery(&r.state, name.c_str(), ns_c_in, type, a.buf, sizeof(a.buf));
-    a.h_errno_ = r.state.res_h_errno;
-    if (a.n >= 0 && ns_initparse(a.buf, a.n, &a.msg) != 0)
-        throw Problem("unreadable DNS answer for " + name);
-}
-
-/* names_in - the answer section's records of type, as their owner names or, for NS, their
- * target names, for A their addresses */
-std::vector<std::string> names_in(Answer &a, ns_type type, bool owner)
-{
-    std::vector<std::string> out;
-    for (int i = 0; a.n >= 0 && i < ns_msg_count(a.msg, ns_s_an); i++) {
-        ns_rr rr;
-        if (ns_parserr(&a.msg, ns_s_an, i, &rr) != 0 || ns_rr_type(rr) != type) continue;
-        char text[NS_MAXDNAME];
-        if (owner)
-            out.emplace_back(ns_rr_name(rr));
-        else if (type == ns_t_a && ns_rr_rdlen(rr) == 4)
-            out.emplace_back(inet_ntop(AF_INET, ns_rr_rdata(rr), text, sizeof(text)));
-        else if (type == ns_t_ns && ns_name_uncompress(ns_msg_base(a.msg), ns_msg_end(a.msg),
-                                                       ns_rr_rdata(rr), text, sizeof(text)) >= 0)
-            out.emplace_back(text);
-    }
-    return out;
-}
-
-bool same_name(std::string a, std::string b)
-{
-    for (auto *s : {&a, &b}) {
-        if (!s->empty() && s->back() == '.') s->pop_back();
-        for (char &c : *s)
-            c = (char)tolower((unsigned char)c);
-    }
-    return a == b;
-}
-
-} // namespace
-
-std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone)
-{
-    /* the zone is the closest enclosing name that has an SOA record of its own */
-    for (std::string name = domain;;) {
-        Answer a;
-        ask(name, ns_t_soa, {}, a);
-        for (const auto &owner : names_in(a, ns_t_soa, true))
-            if (same_name(owner, name)) zone = name;
-        if (!zone.empty()) break;
-        if (a.n < 0 && a.h_errno_ != HOST_NOT_FOUND && a.h_errno_ != NO_DATA)
-            throw Problem("no answer for the SOA record of " + name +
-                          ": name the servers with --nameserver");
-        size_t dot = name.find('.');
-        if (dot == std::string::npos)
-            throw Problem("no zone found above " + domain + ": name the servers with --nameserver");
-        name = name.substr(dot + 1);
-    }
-    Answer a;
-    ask(zone, ns_t_ns, {}, a);
-    std::vector<NameServer> out;
-    for (const auto &host : names_in(a, ns_t_ns, false)) {
-        Answer addr;
-        ask(host, ns_t_a, {}, addr);
-        auto ips = names_in(addr, ns_t_a, false);
-        if (ips.empty()) out.push_back({host, ""});
-        for (const auto &ip : ips)
-            out.push_back({host, ip});
-    }
-    if (out.empty())
-        throw Problem("no NS records for the zone " + zone +
-                      ": name the servers with --nameserver");
-    return out;
-}
-
-/* check_key - the key file, its published record and their match, for one key */
-static void check_key(const std::string &domain, const std::string &selector, const Nameservers &ns,
-                      const Access *user, Report &report)
-{
-    std::string path = key_path(domain, selector);
-    Pkey key = inspect_key(path, report);
-    if (user != nullptr) user->check_key(path, report);
-
-    std::string name = selector + "._domainkey." + domain;
-    std::vector<std::string> records;
-    try {
-        records = lookup_txt(name, ns);
-    } catch (const Problem &e) {
-        report.error(std::string(e.what()) + ": check the nameservers (--nameserver names them)");
-        return;
-    }
-    if (records.empty()) {
-        report.error("no TXT record at " + name + ": publish the record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-        return;
-    }
-    if (records.size() > 1)
-        report.error(std::to_string(records.size()) + " TXT records at " + name +
-                     ": receivers need exactly one; remove all but the one 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-    auto t = record_tags(records[0]);
-    report.ok("TXT record at " + name);
-    if (t.count("v") && t["v"] != "DKIM1") report.error("the record's v= is not DKIM1");
-    /* a record without k= is an RSA key's */
-    std::string k = t.count("k") ? t["k"] : "rsa", want = key ? key_type(key.get()) : k;
-    bool same_type = k == want;
-    if (k != "rsa" && k != "ed25519")
-        report.error("the record's k= is neither rsa nor ed25519: " + k);
-    else if (!same_type)
-        report.error("the record's k= is " + k + " but the private key is " + want +
-                     ": publish the record that 'keyseal-admin dns " + domain + " --selector " +
-                     selector + "' prints");
-    if (t["p"].empty()) report.error("the record has no public key (empty or missing p=): revoked");
-    if (t.count("t") && t["t"].find('y') != std::string::npos)
-        report.warning("the record is in testing mode (t=y): receivers may ignore failures");
-    if (!key || t["p"].empty() || !same_type) return;
-    if (want == "rsa")
-        test_key(domain, selector, key.get(), ns, report);
-    else if (record_matches(t["p"], key.get()))
-        report.ok("the published public key matches the private key");
-    else
-        report.error("the published public key does not match the private key: publish the "
-                     "record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-}
-
-/* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
- * given; others (the whitelist, kept replaced keys, dot files) are not keys */
-std::vector<std::pair<std::string, std::string>> all_keys()
-{
-    std::vector<std::pair<std::string, std::string>> out;
-    std::error_code ec;
-    for (const auto &d : std::filesystem::directory_iterator(DK_KEYS_DIR, ec)) {
-        if (!d.is_directory() || !valid_name(d.path().filename())) continue;
-        for (const auto &k : std::filesystem::directory_iterator(d.path(), ec))
-            if (!k.is_directory() && valid_name(k.path().filename()))
-                out.emplace_back(d.path().filename(), k.path().filename());
-    }
-    if (ec) throw Problem("cannot list the keys in " + errno_text(DK_KEYS_DIR));
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
-int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
-              const Access *user, bool all)
-{
-    if (!all) {
-        check_names(domain, selector);
-        Report report;
-        /* a delegated domain's selectors are the fixed two, reached through its owner's CNAMEs */
-        if (check_delegation(domain, ns, report)) return report.exit_status();
-        check_key(domain, selector, ns, user, report);
-        if (user != nullptr) user->check_files(report);
-        return report.exit_status();
-    }
-    auto found = all_keys();
-    if (found.empty())
-        throw Problem("no keys under " + std::string(DK_KEYS_DIR) +
-                      ": make one with 'keyseal-admin keygen DOMAIN'");
-    Report summary;
-    size_t bad = 0;
-    for (const auto &[d, s] : found) {
-        Report one(true);
-        check_key(d, s, ns, user, one);
-        std::string name = d + "/" + s;
-        bad += one.errors > 0;
-        if (one.errors > 0)
-            summary.error(name + ": " + one.first_error +
-                          (one.errors > 1
-                               ? " (and " + std::to_string(one.errors - 1) +
-                                     " more: keyseal-admin check " + d + " --selector " + s + ")"
-                               : ""));
-        else if (!one.first_warning.empty())
-            summary.warning(name + ": " + one.first_warning);
-        else
-            summary.ok(name);
-    }
-    if (user != nullptr) user->check_files(summary);
-    printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
-           bad);
-    return summary.exit_status();
-}
+/* lookup_txt and authoritative_servers ask through ldns, beside the updates: dns_update.cc */
 
 } // namespace keyseal_admin

@@ -1,5 +1,9 @@
 #include "admin/dns_update.h"
 
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+
 #include "dkim/dk_key.h"
 
 #include <algorithm>
@@ -127,6 +131,7 @@ ldns_resolver *server_resolver(const std::string &ip, uint16_t port, bool recurs
     if (ip.empty()) {
         if (ldns_resolver_new_frm_file(&r, nullptr) != LDNS_STATUS_OK)
             throw Problem("cannot read the resolver's settings /etc/resolv.conf");
+        ldns_resolver_set_recursive(r, true);
         return r;
     }
     r = ldns_resolver_new();
@@ -389,7 +394,7 @@ TsigKey read_tsig_key(const std::string &path)
     return key;
 }
 
-void check_dns_conf(Report &report, const std::string &path)
+void check_dns_conf(Findings &report, const std::string &path)
 {
     DnsConf conf;
     try {
@@ -674,6 +679,70 @@ std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtR
     return out;
 }
 
+std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)
+{
+    /* the system's resolver, or the servers given, asked with recursion as a receiver does */
+    LdnsResolver r(ns.empty() ? server_resolver("", 53, true) : ldns_resolver_new());
+    if (!ns.empty()) {
+        ldns_resolver_set_recursive(r.get(), true);
+        ldns_resolver_set_retry(r.get(), 2);
+        ldns_resolver_set_timeout(r.get(), timeval{2, 0});
+        for (const auto &ip : ns) {
+            Rdf addr(ldns_rdf_new_frm_str(LDNS_RDF_TYPE_A, ip.c_str()));
+            if (addr.get() == nullptr) throw Problem("not an IPv4 address: " + ip);
+            ldns_resolver_push_nameserver(r.get(), addr.get());
+        }
+    }
+    Asked a;
+    ask(r.get(), name, LDNS_RR_TYPE_TXT, a);
+    if (!a.answered)
+        throw Problem(a.pkt.get() == nullptr || a.rcode == LDNS_RCODE_SERVFAIL
+                          ? "no answer for " + name + " (server failure or time-out)"
+                          : "the resolver failed for " + name);
+    std::vector<std::string> records;
+    for (ldns_rr *rr : a.rrs)
+        records.push_back(joined(txt_strings(rr)));
+    return records;
+}
+
+std::vector<NameServer> authoritative_servers(const std::string &domain, std::string &zone)
+{
+    LdnsResolver sys(server_resolver("", 53, true));
+    /* the zone is the closest enclosing name that has an SOA record of its own */
+    for (std::string name = dname(domain);;) {
+        Asked a;
+        ask(sys.get(), name, LDNS_RR_TYPE_SOA, a);
+        for (ldns_rr *rr : a.rrs)
+            if (dname_text(ldns_rr_owner(rr)) == name) zone = name;
+        if (!zone.empty()) break;
+        if (!a.answered)
+            throw Problem("no answer for the SOA record of " + name +
+                          ": name the servers with --nameserver");
+        size_t dot = name.find('.');
+        if (dot == std::string::npos)
+            throw Problem("no zone found above " + domain + ": name the servers with --nameserver");
+        name = name.substr(dot + 1);
+    }
+    Asked hosts;
+    ask(sys.get(), zone, LDNS_RR_TYPE_NS, hosts);
+    std::vector<NameServer> out;
+    for (ldns_rr *rr : hosts.rrs) {
+        std::string host = dname_text(ldns_rr_rdf(rr, 0));
+        Asked addr;
+        ask(sys.get(), host, LDNS_RR_TYPE_A, addr);
+        if (addr.rrs.empty()) out.push_back({host, ""});
+        for (ldns_rr *a : addr.rrs) {
+            char *ip = ldns_rdf2str(ldns_rr_rdf(a, 0));
+            out.push_back({host, ip != nullptr ? ip : ""});
+            free(ip);
+        }
+    }
+    if (out.empty())
+        throw Problem("no NS records for the zone " + zone +
+                      ": name the servers with --nameserver");
+    return out;
+}
+
 std::vector<ServerAnswer> zone_servers(const std::string &name, const Nameservers &given,
                                        std::string &zone)
 {
@@ -719,7 +788,7 @@ std::vector<ServerAnswer> serves(const std::string &name, EVP_PKEY *key,
 
 std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
                                       const std::vector<ServerAnswer> &servers, int wait_seconds,
-                                      Report &report)
+                                      Findings &report)
 {
     time_t until = time(nullptr) + wait_seconds;
     std::vector<ServerAnswer> now;
@@ -740,10 +809,6 @@ std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
     return now;
 }
 
-namespace
-{
-
-/* lagging - the servers that do not serve what is wanted, for one line */
 std::string lagging(const std::vector<ServerAnswer> &now)
 {
     std::string out;
@@ -753,6 +818,9 @@ std::string lagging(const std::vector<ServerAnswer> &now)
                    " " + s.why;
     return out;
 }
+
+namespace
+{
 
 /* change - one name's update, said in a line; exit 1 (Problem) when it was not made, else
  * the wait for every server */
@@ -780,7 +848,7 @@ int change(const std::string &name, const TxtRecord *publish, EVP_PKEY *key, boo
            r.primary.c_str());
     std::string found;
     auto servers = zone_servers(name, {}, found);
-    Report report;
+    Findings report;
     auto now = wait_served(name, key, servers, wait_seconds, report);
     std::string late = lagging(now);
     if (!late.empty())

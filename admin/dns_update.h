@@ -19,12 +19,13 @@
  * text, so a caller grouping many domains can go on with the others.  Results are plain
  * values owned by the caller; a DnsZone pointer points into the DnsConf it came from.
  * Diagnostics: nothing here ends the process or prints, except wait_served's per-server
- * lines through the Report it is given.
+ * lines through the Findings it is given.
  */
 #ifndef KEYSEAL_DNS_UPDATE_H
 #define KEYSEAL_DNS_UPDATE_H
 
 #include "admin/admin.h"
+#include "admin/dns.h"
 
 #include <openssl/evp.h>
 #include <string>
@@ -77,7 +78,7 @@ struct TsigKey {
 TsigKey read_tsig_key(const std::string &path);
 /* check_dns_conf - the findings of `check` on the settings: parse errors with file:line, key
  * files missing, unreadable or too open, zones whose primary cannot be found */
-void check_dns_conf(Report &report, const std::string &path = "");
+void check_dns_conf(Findings &report, const std::string &path = "");
 
 /* TxtRecord - a TXT record to publish: its owner name and its strings (each <= 255 octets) */
 struct TxtRecord {
@@ -168,7 +169,10 @@ std::vector<ServerAnswer> serves(const std::string &name, EVP_PKEY *key,
  * last asked, every one ok() when the gate passed */
 std::vector<ServerAnswer> wait_served(const std::string &name, EVP_PKEY *key,
                                       const std::vector<ServerAnswer> &servers, int wait_seconds,
-                                      Report &report);
+                                      Findings &report);
+
+/* lagging - the servers that do not serve what is wanted, for one line: "IP (HOST) WHY, ..." */
+std::string lagging(const std::vector<ServerAnswer> &servers);
 
 /* cmd_dns_publish - the key of DOMAIN/SELECTOR published by UPDATE and waited for */
 int cmd_dns_publish(std::string domain, const std::string &selector, bool force, int wait_seconds);

@@ -3,9 +3,22 @@
  * the spool, for the keyseal handler.
  * Exit status: 0 success, 1 a problem found, 2 a usage error.
  */
-#include "admin/admin.h"
+#include "admin/access.h"
+#include "admin/check.h"
+#include "admin/dns.h"
 #include "admin/dns_update.h"
+#include "admin/explain.h"
+#include "admin/explain_queue.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "admin/postfix.h"
+#include "admin/report.h"
+#include "admin/rotate.h"
 #include "admin/rotate_auto.h"
+#include "admin/selftest.h"
+#include "admin/spool.h"
+#include "admin/whitelist.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 #include "util/halyx_log.h"

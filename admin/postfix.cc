@@ -1,4 +1,9 @@
-#include "admin/admin.h"
+#include "admin/postfix.h"
+
+#include "admin/access.h"
+#include "admin/files.h"
+#include "admin/names.h"
+#include "admin/run.h"
 #include "admin/maillog.h"
 #include "admin/report.h"
 
@@ -369,7 +374,7 @@ std::vector<std::string> copy_configuration(const std::string &dir)
 
 /* check_socket - the milter's socket: something listens there, Postfix's user reaches it,
  * and an inet socket is not open to other hosts */
-void check_socket(const keyseal_milter::Config &c, const Socket &sock, Report &report)
+void check_socket(const keyseal_milter::Config &c, const Socket &sock, Findings &report)
 {
     const std::string stopped = std::string("keyseal-milter is not running: ");
     const std::string start = "; start it: " + std::string(START_MILTER);
@@ -483,7 +488,7 @@ class Master
  * any envelope sender may have mail signed as any domain this server hosts.  For each
  * smtpd with SASL on, its restrictions must compare the login with the sender through a
  * map; sendmail's users are held to their addresses by local_login_sender_maps. */
-void check_sender_login(Master &m, Report &report)
+void check_sender_login(Master &m, Findings &report)
 {
     auto setting = [&](const std::string &service, const std::string &name) {
         return m.setting(service, name);
@@ -731,7 +736,7 @@ std::string where(const std::string &service, const std::string &name, const std
  * keyseal-milter signed: a rule that changes a signed header, a MIME header or the body
  * breaks the signature.  A header rule on a header keyseal-milter does not sign (Received
  * stripped for privacy) is harmless. */
-void check_rewrites(const keyseal_milter::Config &c, Master &m, Report &report)
+void check_rewrites(const keyseal_milter::Config &c, Master &m, Findings &report)
 {
     std::set<std::string> signed_headers{"dkim-signature"};
     for (const auto *names : {&c.headers, &c.oversign})
@@ -814,7 +819,7 @@ int signed_line_limit(const keyseal_milter::Config &)
 
 /* check_line_limits - Postfix's SMTP and LMTP clients break a line longer than their limit
  * after keyseal-milter signed it */
-void check_line_limits(const keyseal_milter::Config &c, Master &m, Report &report)
+void check_line_limits(const keyseal_milter::Config &c, Master &m, Findings &report)
 {
     const int longest = signed_line_limit(c);
     for (const std::string client : {"smtp", "lmtp"}) {
@@ -843,7 +848,7 @@ void check_line_limits(const keyseal_milter::Config &c, Master &m, Report &repor
  * submission): it would sign mail from the Internet too.  no_milters on a service that
  * receives the original mail leaves that mail unsigned, for the second pass cannot tell who
  * sent it. */
-void check_milter_passes(const Socket &sock, Master &m, Report &report)
+void check_milter_passes(const Socket &sock, Master &m, Findings &report)
 {
     auto has = [](const std::string &value, const std::string &item) {
         auto items = list(value);
@@ -1050,7 +1055,7 @@ int cmd_postfix_remove()
 int cmd_postfix_check()
 {
     keyseal_milter::Config c = milter_config();
-    Report report;
+    Findings report;
     bool chroot = same_chroot();
     Socket sock = socket_for(c, chroot);
     for (const char *name : {"smtpd_milters", "non_smtpd_milters"}) {

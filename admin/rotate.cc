@@ -11,23 +11,28 @@
  *   new SELECTOR                 the selector that signs after it
  *   started|switched|retired TIME  when each step was taken (UTC, 2026-11-23T18:00:00Z)
  */
-#include "admin/dns_update.h"
+#include "admin/rotate.h"
 #include "admin/rotation.h"
+
+#include "admin/dns.h"
+#include "admin/dns_update.h"
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "milter/milter_conf.h"
+#include "milter/selector_map.h"
 
 #include "dkim/dk_key.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace keyseal_admin
@@ -35,7 +40,6 @@ namespace keyseal_admin
 
 namespace
 {
-
 /* taken - a name that must not be the new selector: a key, a kept key, or a selector in use */
 bool taken(const std::string &dir, const std::string &name, const std::vector<std::string> &used)
 {
@@ -242,16 +246,11 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
     std::string name = s.new_selector + "._domainkey." + domain, zone;
     /* the one gate of publish and switch, asked once: switch never waits by itself; a
      * delegated domain's also asks the owner's CNAME and the resolver behind it */
-    Report report;
-    std::string stale;
-    if (!s.delegated.empty())
-        stale = switch_gate(s, key.get());
-    else
-        for (const auto &ns :
-             wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report))
-            if (!ns.ok())
-                stale += (stale.empty() ? "" : ", ") + ns.ip +
-                         (ns.host != ns.ip ? " (" + ns.host + ")" : "") + " " + ns.why;
+    Findings report;
+    std::string stale =
+        !s.delegated.empty()
+            ? switch_gate(s, key.get())
+            : lagging(wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report));
     if (!stale.empty() && !force)
         throw Problem("not switched: not every nameserver" +
                       (zone.empty() ? std::string() : " of the zone " + zone) +

@@ -622,7 +622,7 @@ int cmd_delegate(std::string domain, int wait_seconds)
     return reload_or_say(milter) ? EXIT_OK : EXIT_PROBLEM;
 }
 
-bool check_delegation(const std::string &domain, const Nameservers &ns, Report &report)
+bool check_delegation(const std::string &domain, const Nameservers &ns, Findings &report)
 {
     State s = load_state(domain);
     if (s.delegated.empty()) return false;

@@ -15,7 +15,7 @@
 #ifndef KEYSEAL_ROTATE_AUTO_H
 #define KEYSEAL_ROTATE_AUTO_H
 
-#include "admin/admin.h"
+#include "admin/dns.h"
 
 #include <string>
 
@@ -44,7 +44,7 @@ int cmd_rotate_auto();
  * missing, points elsewhere, or is in place with or without the key behind it; a delegation
  * still waiting for its gate is switched when it passes.  false: the domain is not delegated
  * (nothing reported) */
-bool check_delegation(const std::string &domain, const Nameservers &ns, Report &report);
+bool check_delegation(const std::string &domain, const Nameservers &ns, Findings &report);
 
 } // namespace keyseal_admin
 
