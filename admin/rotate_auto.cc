@@ -444,8 +444,27 @@ int cmd_rotate_auto()
     }
     std::map<std::string, NameResult> done;
     int messages = 0;
-    if (!publish.empty() || !withdraw.empty())
-        for (const auto &u : update_all(conf, publish, withdraw, false)) {
+    /* one UPDATE per zone, split only where a DNS message (64 KiB) cannot hold them all: a
+     * thousand RSA records are some 400 KiB */
+    const size_t MESSAGE_BUDGET = 48 * 1024;
+    size_t p = 0, w = 0;
+    while (p < publish.size() || w < withdraw.size()) {
+        std::vector<TxtRecord> some;
+        std::vector<std::string> gone;
+        for (size_t bytes = 0;
+             bytes < MESSAGE_BUDGET && (p < publish.size() || w < withdraw.size());) {
+            if (p < publish.size()) {
+                bytes += 2 * publish[p].name.size() + 40;
+                for (const auto &str : publish[p].strings)
+                    bytes += str.size() + 1;
+                some.push_back(publish[p++]);
+            } else {
+                /* its prerequisite holds the record withdrawn: a key's worth */
+                bytes += 2 * withdraw[w].size() + 600;
+                gone.push_back(withdraw[w++]);
+            }
+        }
+        for (const auto &u : update_all(conf, some, gone, false)) {
             messages += u.messages;
             for (const auto &n : u.names) {
                 NameResult r = n;
@@ -453,6 +472,7 @@ int cmd_rotate_auto()
                 done[canonical_name(n.name)] = r;
             }
         }
+    }
     auto refused = [&](Domain &d, const std::string &name) -> bool {
         auto it = done.find(canonical_name(name));
         if (it != done.end() && it->second.change != Change::NOT_DONE) return false;
