@@ -60,7 +60,7 @@ def main():
             t = time.monotonic()
             r = subprocess.run([admin, "rotate", "auto"], capture_output=True, text=True)
             took = time.monotonic() - t
-            summary = r.stdout.strip().splitlines()[-1]
+            summary = (r.stdout.strip().splitlines() or [r.stderr.strip()])[-1]
             moved = len(re.findall(rf"^\S+: {'switched' if step == 'switch' else 'started'} ",
                                    r.stdout, re.M))
             print(f"rotate auto ({step}): {took:.1f} s, {moved} domains moved; {summary}")
