@@ -224,3 +224,30 @@ def test_check_checks_the_dns_settings(lab, hoster, case, conf, found):
     for pattern in found:
         assert re.search(pattern, r.stdout, re.M), (case, r.stdout)
     assert (r.returncode == 0) == (conf is None), (case, r.stdout)
+
+
+def test_keygen_missing_publishes_one_update_per_zone(lab, hoster, tmp_path):
+    """Keys made for four domains: the two under hoster.test go out in one UPDATE (the serial
+    moves by one), the one under customer.test in another, the one no zone line holds is
+    printed for a person."""
+    domains = ["shop.hoster.test", "blog.hoster.test", "web.customer.test", "other.example"]
+    listing = tmp_path / "domains"
+    listing.write_text("\n".join(domains) + "\n")
+    before = {z: hoster.serial(z) for z in ("hoster.test", "customer.test")}
+    try:
+        r = lab.admin("keygen", "--missing", str(listing), "--selector", "km", check=False)
+        assert r.returncode == 0, r.stdout + r.stderr
+        for d in domains[:3]:
+            assert re.search(rf"^wrote /etc/domainkeys/{d}/km.*; published its record$", r.stderr, re.M), r.stderr
+            assert dns_lab.wait_for(lambda: published(f"km._domainkey.{d}") ==
+                                    [[printed_strings(lab, d, "km")]] * 2, d) is None
+        assert re.findall(r"^km\._domainkey\.(\S+)\. IN TXT", r.stdout, re.M) == ["other.example"]
+        assert hoster.serial("hoster.test") == before["hoster.test"] + 1
+        assert hoster.serial("customer.test") == before["customer.test"] + 1
+    finally:
+        for d in domains:
+            if os.path.exists(f"/etc/domainkeys/{d}/km"):
+                if d != "other.example":
+                    lab.admin("dns", "withdraw", d, "km", "--wait", "30", check=False)
+                os.remove(f"/etc/domainkeys/{d}/km")
+                os.rmdir(f"/etc/domainkeys/{d}")
