@@ -163,12 +163,16 @@ def test_clients_judges_scrapers_outside_loopback(lab, listen, clients, source, 
         lab.start_milter(f"metrics {listen}\nclients {clients}\n")
         host, port = listen.split(":")
         postfix_lab.wait_for(lambda: postfix_lab.connects((host, int(port))), "the metrics endpoint")
-        with socket.create_connection((host, int(port)), timeout=5, source_address=(source, 0)) as s:
-            s.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")
-            reply = b""
-            while chunk := s.recv(65536):
-                reply += chunk
-        assert reply.startswith(b"HTTP/1.0 200") == admitted, reply[:100]
+        reply = b""
+        try:
+            with socket.create_connection((host, int(port)), timeout=5,
+                                          source_address=(source, 0)) as s:
+                s.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")
+                while chunk := s.recv(65536):
+                    reply += chunk
+        except ConnectionResetError:
+            pass  # refused: closed at accept
+        assert (b"keyseal_messages_total" in reply) == admitted, reply[:100]
     finally:
         lab.stop_milter()
         lab.start_milter()
