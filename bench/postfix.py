@@ -288,13 +288,15 @@ class Scraper:
         self.thread.start()
 
     def loop(self):
-        while not self.stop.wait(1):
+        while True:
             try:
                 with urllib.request.urlopen(f"http://{METRICS}/metrics", timeout=5) as r:
                     r.read()
                 self.scrapes += 1
             except OSError:
                 self.failures += 1
+            if self.stop.wait(1):
+                return
 
     def end(self):
         self.stop.set()
