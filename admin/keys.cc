@@ -1,4 +1,8 @@
-#include "admin/admin.h"
+#include "admin/keys.h"
+
+#include "admin/files.h"
+#include "admin/names.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 
@@ -234,7 +238,7 @@ std::string dns_record(const std::string &domain, const std::string &selector, E
     return out;
 }
 
-Pkey inspect_key(const std::string &path, Report &report)
+Pkey inspect_key(const std::string &path, Findings &report)
 {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {

@@ -3,8 +3,22 @@
  * the spool, for the keyseal handler.
  * Exit status: 0 success, 1 a problem found, 2 a usage error.
  */
-#include "admin/admin.h"
+#include "admin/access.h"
+#include "admin/check.h"
+#include "admin/dns.h"
+#include "admin/explain.h"
+#include "admin/explain_queue.h"
+#include "admin/keys.h"
+#include "admin/names.h"
 #include "admin/prom_file.h"
+#include "admin/postfix_check.h"
+#include "admin/postfix_setup.h"
+#include "admin/report.h"
+#include "admin/rotate.h"
+#include "admin/selftest.h"
+#include "admin/spool.h"
+#include "admin/whitelist.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 #include "util/halyx_log.h"

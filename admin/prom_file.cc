@@ -1,5 +1,11 @@
 #include "admin/prom_file.h"
 
+#include "admin/admin.h"
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "admin/rotate.h"
+
 #include "dkim/dk_key.h"
 
 #include <cinttypes>

@@ -17,7 +17,7 @@
 #ifndef KEYSEAL_ADMIN_PROM_FILE_H
 #define KEYSEAL_ADMIN_PROM_FILE_H
 
-#include "admin/admin.h"
+#include "admin/dns.h"
 
 #include <ctime>
 #include <string>
