@@ -6,6 +6,7 @@
 
 #include "admin/access.h"
 #include "admin/dns.h"
+#include "admin/hosted.h"
 #include "admin/keys.h"
 #include "admin/names.h"
 
@@ -13,6 +14,7 @@
 #include "dkim/dk_sign.h"
 
 #include <cstdio>
+#include <set>
 
 namespace keyseal_admin
 {
@@ -91,6 +93,24 @@ void check_key(const std::string &domain, const std::string &selector, const Nam
                      domain + " --selector " + selector + "' prints");
 }
 
+/* check_hosted - each domain Postfix hosts that has no key, and each of its domain lists
+ * that cannot be read; nothing where Postfix has no configuration */
+void check_hosted(const std::vector<std::pair<std::string, std::string>> &keys, Findings &report)
+{
+    if (!postfix_configured()) return;
+    Hosted hosted = hosted_domains();
+    std::set<std::string> keyed;
+    for (const auto &[d, s] : keys)
+        keyed.insert(d);
+    for (const auto &[d, setting] : hosted.domains)
+        if (keyed.count(d) == 0)
+            report.warning(d + ": hosted here (Postfix's " + setting +
+                           ") and has no key, so its mail goes out unsigned: keyseal-admin "
+                           "keygen --missing");
+    for (const auto &line : hosted.unlisted)
+        report.warning(line + ": its domains are not checked for a key");
+}
+
 } // namespace
 
 int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
@@ -126,6 +146,7 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
             summary.ok(name);
     }
     if (user != nullptr) user->check_files(summary);
+    check_hosted(found, summary);
     printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
            bad);
     return summary.exit_status();

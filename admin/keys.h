@@ -58,6 +58,11 @@ std::string keys_dir_for(const std::string &domain, gid_t gid);
 /* keep_aside - a hard link to dir/selector as dir/.SELECTOR.WHAT-STAMP, a name no selector
  * can have; "" when there is no such key */
 std::string keep_aside(const std::string &dir, const std::string &selector, const char *what);
+/* new_key - a new key of type (bits for RSA) written for domain and selector, an existing
+ * one kept aside first with force; written: "PATH (WHAT, mode 0640, group G)".  Throws
+ * Problem, the old key left in place */
+Pkey new_key(const std::string &domain, const std::string &selector, const std::string &type,
+             int bits, gid_t gid, bool force, std::string &written);
 /* cmd_keygen - a new key for domain and selector, its record printed */
 int cmd_keygen(std::string domain, const std::string &selector, const std::string &type, int bits,
                const std::string &group, bool force);
