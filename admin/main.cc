@@ -12,6 +12,7 @@
 #include "admin/hosted.h"
 #include "admin/keys.h"
 #include "admin/names.h"
+#include "admin/prom_file.h"
 #include "admin/postfix_check.h"
 #include "admin/postfix_setup.h"
 #include "admin/report.h"
@@ -112,6 +113,10 @@ int main(int argc, char **argv)
     domain_arg(check);
     check->get_option("DOMAIN")->required(false);
     check->add_flag("--all", all, "every DOMAIN/SELECTOR key under " DK_KEYS_DIR);
+    std::string prometheus;
+    check->add_option("--prometheus", prometheus,
+                      "with --all: also write the keys' state to FILE for Prometheus (the node "
+                      "exporter's " PROM_TEXTFILE_DIR ")");
     dns_args(check);
     auto *test =
         app.add_subcommand("test", "sign a sample with the installed handler and verify it");
@@ -291,7 +296,10 @@ int main(int argc, char **argv)
         if (!user.empty()) as = std::make_unique<Access>(user);
         if (name == "check") {
             if (all == !domain.empty()) throw Usage("name a DOMAIN, or --all for every key");
-            return cmd_check(domain, selector, ns, as.get(), all);
+            if (!prometheus.empty() && !all) throw Usage("--prometheus goes with --all");
+            int status = cmd_check(domain, selector, ns, as.get(), all);
+            if (!prometheus.empty()) write_key_metrics(prometheus, ns);
+            return status;
         }
         return cmd_test(domain, selector, ns, keyseal, as.get());
     } catch (const Usage &e) {

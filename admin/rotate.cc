@@ -334,4 +334,11 @@ int cmd_rotate_retire(std::string domain, bool force)
     return EXIT_OK;
 }
 
+bool rotation_times(const std::string &domain, time_t &started, time_t &switched, time_t &retired)
+{
+    State s = load_state(domain);
+    started = s.started, switched = s.switched, retired = s.retired;
+    return s.exists();
+}
+
 } // namespace keyseal_admin

@@ -12,6 +12,7 @@
 
 #include "admin/dns.h"
 
+#include <ctime>
 #include <string>
 
 namespace keyseal_admin
@@ -29,6 +30,9 @@ int cmd_rotate_status(const std::string &domain);
 int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force);
 /* cmd_rotate_retire - the old key moved aside once the grace period is over */
 int cmd_rotate_retire(std::string domain, bool force);
+/* rotation_times - the domain's rotation steps (-1: not taken); false when none is recorded;
+ * throws Problem for a state file it cannot read */
+bool rotation_times(const std::string &domain, time_t &started, time_t &switched, time_t &retired);
 
 } // namespace keyseal_admin
 

@@ -8,7 +8,8 @@ with keyseal-milter in five settings: RSA alone with the default header set, RSA
 only From, To and Subject, Ed25519 alone, RSA and Ed25519 together, and RSA with a selector
 map of 100,000 domains.  All RSA rows sign with the same 2048-bit key.  Runs alternate
 between the rows, three rounds; medians side by side with the ratios.  keyseal-milter
-changes settings by a reload (SIGHUP), as an administrator's would.  Then the
+changes settings by a reload (SIGHUP), as an administrator's would, and serves /metrics,
+read once a second during its rows as a Prometheus server would read it.  Then the
 100,000-domain map's reload time and memory, and one 50 MB message through each of
 keyseal-milter and opendkim, with the milter's memory before and after.
 
@@ -31,7 +32,9 @@ import smtplib
 import statistics
 import subprocess
 import sys
+import threading
 import time
+import urllib.request
 
 import dkim
 
@@ -112,6 +115,7 @@ worker "rspamd_proxy" {{
 # envelope sender, the signatures each message must carry)
 RSA, ED = "rsa-sha256", "ed25519-sha256"
 KEYSEAL = "unix:/keyseal/milter.sock"
+METRICS = "127.0.0.1:9901"  # keyseal-milter's /metrics, scraped as a Prometheus server would
 ROWS = [
     ("no milter", "", None, "ann@example.com", []),
     ("opendkim", "unix:/opendkim/opendkim.sock", None, "ann@example.com", [RSA]),
@@ -187,9 +191,10 @@ class Bench:
         self.reloads = []  # seconds from SIGHUP to the "reloaded" line, into the big map
         self.rss = None  # the milter's VmRSS before and after its first load of the big map
         self.parts = {}  # keyseal rows: per run, CPU seconds per message by process (own_parts)
+        self.scraper = Scraper()
 
     def milter_conf(self, extra):
-        return f"pid_file {self.lab.pid_file}\n" + extra
+        return f"pid_file {self.lab.pid_file}\nmetrics {METRICS}\n" + extra
 
     def reload(self, extra):
         """keyseal-milter's settings with extra, by a reload; its time when it took one."""
@@ -238,10 +243,14 @@ class Bench:
         pid = self.milter_pid(row)
         own = tree_cpu(pid) if pid else 0
         parts = own_parts(pid) if who_is(row) == "milter" else None
+        if parts is not None:
+            self.scraper.start()
         cpu, start = cpu_seconds(), time.monotonic()
         subprocess.run(["smtp-source", "-s", str(SESSIONS), "-m", str(N), "-F", self.message(sender),
                         "-f", sender, "-t", "bob@example.net", "127.0.0.1:25"], check=True)
         postfix_lab.wait_for(lambda: queued() == 0, "the queue to empty", 300)
+        if parts is not None:
+            self.scraper.end()
         rate, cpu = N / (time.monotonic() - start), (cpu_seconds() - cpu) / N
         own = (tree_cpu(pid) - own) / N if pid else 0
         if parts is not None:
@@ -263,6 +272,35 @@ class Bench:
         with open(self.dump, "rb") as f:
             f.seek(offset)
             return re.split(rb"^X-Client-Addr: ", f.read(), flags=re.M)[1:]
+
+
+class Scraper:
+    """A Prometheus server's part during the keyseal rows: /metrics read once a second, so
+    that the rows measure signing as it runs when watched."""
+
+    def __init__(self):
+        self.scrapes, self.failures, self.stop = 0, 0, threading.Event()
+        self.thread = None
+
+    def start(self):
+        self.stop.clear()
+        self.thread = threading.Thread(target=self.loop, daemon=True)
+        self.thread.start()
+
+    def loop(self):
+        while True:
+            try:
+                with urllib.request.urlopen(f"http://{METRICS}/metrics", timeout=5) as r:
+                    r.read()
+                self.scrapes += 1
+            except OSError:
+                self.failures += 1
+            if self.stop.wait(1):
+                return
+
+    def end(self):
+        self.stop.set()
+        self.thread.join()
 
 
 def who_is(row):
@@ -558,7 +596,7 @@ def main():
         big_map()
         made = time.monotonic() - started
         check = (check_config_seconds(build, ""), check_config_seconds(build, f"selector_map {BIG_MAP}\n"))
-        lab.start_milter()
+        lab.start_milter(f"metrics {METRICS}\n")
         b.keyseal_conf = ""
         start_opendkim(lab)
         start_rspamd(lab, root)
@@ -573,7 +611,7 @@ def main():
         rsa_ms.append(rsa_signature_ms())
         # a milter that never held the big map, whose memory the message could reuse unseen
         lab.stop_milter()
-        lab.start_milter()
+        lab.start_milter(f"metrics {METRICS}\n")
         b.keyseal_conf = ""
         row = {r[0]: r for r in ROWS}
         b.use(row["keyseal RSA"])
@@ -584,6 +622,8 @@ def main():
         b.use(row["opendkim"])
         o = big_message(lab, "opendkim", lab.procs["opendkim"].pid)
         lines = report(b, results, where, check, k, o, statistics.mean(rsa_ms))
+        lines.append(f"(keyseal-milter's /metrics scraped once a second during the keyseal rows: "
+                     f"{b.scraper.scrapes} scrapes, {b.scraper.failures} failed)")
         lines.append(f"(the {DOMAINS} key directories and the map took {made:.0f} s to make, the rounds "
                      f"{rounds:.0f} s, all of it {time.monotonic() - began:.0f} s)")
     except SystemExit as e:

@@ -18,6 +18,7 @@
 #include "milter/client_filter.h"
 #include "milter/helper.h"
 #include "milter/key_cache.h"
+#include "milter/metrics.h"
 #include "milter/milter_conf.h"
 #include "milter/milter_log.h"
 #include "milter/pool.h"
@@ -179,6 +180,16 @@ int main(int argc, char **argv)
     halyx_log(LOG_INFO, "listening on %s (selector %s, %s, time limit %d s, workers %d)",
               config->socket.c_str(), config->selector.front().c_str(),
               config->strict ? "strict" : "fail open", config->timeout, config->workers);
+    /* the endpoint is the monitoring's, not the mail's: without it, signing goes on */
+    metrics_settings(metrics(), config->workers, config->metrics_per_domain);
+    static MetricsServer metrics_server;
+    if (!config->metrics.empty() && metrics_server.start(config->metrics, [](const sockaddr *peer) {
+            auto c = settings.get();
+            return c->client_allowed(address_text(peer));
+        }) != 0)
+        halyx_log(LOG_ERR, MILTER_LOG_METRICS_FAILED, config->metrics.c_str(), strerror(errno));
+    else if (!config->metrics.empty())
+        halyx_log(LOG_INFO, MILTER_LOG_METRICS, config->metrics.c_str());
     int status = supervise(settings, helper);
     closelog();
     /* libmilter's threads are still there: nothing may run their destructors under them */

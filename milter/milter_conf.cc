@@ -13,6 +13,8 @@
 #include <sstream>
 #include <strings.h>
 #include <sys/socket.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 namespace keyseal_milter
@@ -160,7 +162,8 @@ std::string Config::settings() const
         << "\nsigning_domain " << (signing_domain == SigningDomain::HEADER ? "header" : "envelope")
         << "\nheaders " << joined(headers) << "\noversign "
         << (oversign.empty() ? "none" : joined(oversign)) << "\nselector_map " << selector_map
-        << "\n";
+        << "\nmetrics " << (metrics.empty() ? "none" : metrics) << "\nmetrics_per_domain "
+        << (metrics_per_domain ? "yes" : "no") << "\n";
     out << "# " << selectors.size() << " domains in the selector map\n";
     if (selectors.size() <= 20)
         for (const auto &[domain, sel] :
@@ -233,14 +236,50 @@ Config load(const std::string &path)
             if (value != "envelope" && value != "header")
                 throw ConfigError(at + "signing_domain takes envelope or header");
             c.signing_domain = value == "header" ? SigningDomain::HEADER : SigningDomain::ENVELOPE;
+        } else if (name == "metrics") {
+            sockaddr_storage addr;
+            if (value != "none" && !metrics_address(value, addr))
+                throw ConfigError(at + "metrics takes ADDRESS:PORT, [IPv6]:PORT, a port alone "
+                                       "(loopback) or none");
+            /* a port alone would be every address's: loopback is what was meant */
+            c.metrics = value == "none"                        ? ""
+                        : value.find(':') == std::string::npos ? "127.0.0.1:" + value
+                                                               : value;
+        } else if (name == "metrics_per_domain") {
+            if (!flag(value, c.metrics_per_domain))
+                throw ConfigError(at + "metrics_per_domain takes yes or no");
         } else {
             throw ConfigError(at + "unknown setting '" + name +
                               "' (socket, clients, selector, strict, timeout, workers, "
-                              "selector_map, pid_file, headers, oversign, signing_domain)");
+                              "selector_map, pid_file, headers, oversign, signing_domain, "
+                              "metrics, metrics_per_domain)");
         }
     }
     c.selectors = read_selector_map(c.selector_map, map_named);
     return c;
+}
+
+bool metrics_address(const std::string &text, sockaddr_storage &out)
+{
+    memset(&out, 0, sizeof(out));
+    size_t colon = text.rfind(':');
+    std::string host = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
+    std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
+    if (port.empty() || port.size() > 5 ||
+        port.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    unsigned long p = strtoul(port.c_str(), nullptr, 10);
+    if (p < 1 || p > 65535) return false;
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        auto &a = (sockaddr_in6 &)out;
+        a.sin6_family = AF_INET6;
+        a.sin6_port = htons((uint16_t)p);
+        return inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &a.sin6_addr) == 1;
+    }
+    auto &a = (sockaddr_in &)out;
+    a.sin_family = AF_INET;
+    a.sin_port = htons((uint16_t)p);
+    return inet_pton(AF_INET, host.c_str(), &a.sin_addr) == 1;
 }
 
 } // namespace keyseal_milter

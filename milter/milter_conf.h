@@ -18,6 +18,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 #include <unordered_map>
 #include <vector>
 
@@ -56,6 +57,8 @@ struct Config {
     std::string pid_file = MILTER_PID_PATH;     /* "" for none */
     std::vector<std::string> headers, oversign; /* the fields signed; signed once more */
     SigningDomain signing_domain = SigningDomain::ENVELOPE;
+    std::string metrics;             /* ADDRESS:PORT of /metrics, "" for none (milter/metrics.h) */
+    bool metrics_per_domain = false; /* a series per sender domain: opt-in, as they cost */
 
     Config();
     /* selectors_for - the domain's selectors from the map, else the default ones */
@@ -73,6 +76,10 @@ struct Config {
 };
 
 Config load(const std::string &path);
+
+/* metrics_address - the metrics setting's "ADDRESS:PORT", "[IPv6]:PORT" or PORT alone
+ * (loopback) as a socket address; false for anything else */
+bool metrics_address(const std::string &text, sockaddr_storage &out);
 
 } // namespace keyseal_milter
 

@@ -48,6 +48,9 @@
 #define MILTER_LOG_RELOADED "reloaded %s"
 /* "FILE:LINE: why" */
 #define MILTER_LOG_RELOAD_FAILED "%s; keeping the running settings"
+/* the metrics address; and why it cannot be served */
+#define MILTER_LOG_METRICS "serving metrics at http://%s/metrics"
+#define MILTER_LOG_METRICS_FAILED "cannot serve metrics at %s: %s; signing goes on without them"
 #define MILTER_LOG_STOPPING "stopping: %d messages in flight"
 #define MILTER_LOG_STOPPED "stopped"
 

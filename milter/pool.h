@@ -27,6 +27,11 @@
  *             job's message and done pipe reader while     by the main thread's signalfd
  *             it waits; the helper's pidfd, the signal-    (supervisor.h); libmilter's signal
  *             fd, libmilter's end eventfd (main thread)     thread takes none; SIGPIPE ignored
+ *   milter's  the metrics listener and its scrapers'        the same mask, inherited from the
+ *   metrics   connections (at most CONNECTIONS), owned     main thread that starts it: takes
+ *   thread    by libmicrohttpd's thread (metrics.h); it    none; reads the counters only,
+ *             reads the counters, never a job's            never waits on a session
+ *             descriptor
  *   helper    requests' helper end (fd 3), the poke         SIGCHLD by signalfd; SIGHUP,
  *             eventfd, SIGCHLD's signalfd; no job's         SIGINT, SIGPIPE ignored;
  *             descriptor ever                               SIGTERM ends it

@@ -4,6 +4,7 @@
 #include "milter/client_filter.h"
 #include "milter/helper.h"
 #include "milter/job.h"
+#include "milter/metrics.h"
 #include "milter/milter_log.h"
 #include "milter/supervisor.h"
 #include "milter/verdict.h"
@@ -16,6 +17,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -276,8 +278,10 @@ sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
 }
 
 /* carry_out - the plan on the message as the mail server holds it, its lines logged; an
- * edit the server refuses makes it a message not signed */
-sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const Plan &plan)
+ * edit the server refuses makes it a message not signed.  Counted with reason, unless the
+ * server refused; ns as metrics_message() takes it. */
+sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const Plan &plan,
+                   Reason reason, int64_t ns = -1)
 {
     const char *failed = nullptr;
     for (uint32_t place : plan.deletions)
@@ -289,9 +293,16 @@ sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const 
             smfi_insheader(ctx, 0, (char *)"DKIM-Signature", (char *)value.c_str()) != MI_SUCCESS)
             failed = "the mail server refused the new signature header";
     if (failed != nullptr)
-        return carry_out(ctx, s, id, not_signed(id, failed, true, s.config->strict));
+        return carry_out(ctx, s, id, not_signed(id, failed, true, s.config->strict),
+                         Reason::SERVER_REFUSED, ns);
     for (const LogLine &l : plan.log)
         halyx_log(l.level, "%s", l.text.c_str());
+    Outcome o = !plan.insertions.empty()                    ? Outcome::SIGNED
+                : plan.disposition == Disposition::TEMPFAIL ? Outcome::DEFERRED
+                : plan.log.empty()                          ? Outcome::SKIPPED
+                                                            : Outcome::FAILED;
+    metrics_message(metrics(), o, reason, s.domain, ns);
+    if (o == Outcome::SIGNED) metrics_signatures(metrics(), plan.insertions);
     if (plan.disposition == Disposition::TEMPFAIL) {
         smfi_setreply(ctx, (char *)VERDICT_REPLY_CODE, (char *)VERDICT_REPLY_STATUS,
                       (char *)VERDICT_REPLY_TEXT);
@@ -303,13 +314,17 @@ sfsistat carry_out(SMFICTX *ctx, const Session &s, const std::string &id, const 
 /* check_alignment - a warning when the signature will not count for the From: domain */
 void check_alignment(const Session &s, const std::string &id, const std::string &d)
 {
-    if (s.from.empty())
+    if (s.from.empty()) {
         halyx_log(LOG_WARNING, MILTER_LOG_NO_FROM, id.c_str(), d.c_str());
-    else if (s.from.size() > 1)
+        metrics_alignment(metrics(), AlignmentWarning::NO_FROM);
+    } else if (s.from.size() > 1) {
         halyx_log(LOG_WARNING, MILTER_LOG_MANY_FROM, id.c_str(), d.c_str(), (int)s.from.size());
-    else if (!aligned(d, s.from[0]))
+        metrics_alignment(metrics(), AlignmentWarning::MANY_FROM);
+    } else if (!aligned(d, s.from[0])) {
         halyx_log(LOG_WARNING, MILTER_LOG_MISALIGNED, id.c_str(), d.c_str(),
                   s.from[0].empty() ? "no domain" : s.from[0].c_str());
+        metrics_alignment(metrics(), AlignmentWarning::MISALIGNED);
+    }
 }
 
 /* job_for - the worker's job for the session's message */
@@ -327,21 +342,35 @@ sfsistat on_eom(SMFICTX *ctx)
     if (id.empty()) id = s->queue_id.empty() ? "NOQUEUE" : s->queue_id;
     sfsistat answer = SMFIS_CONTINUE;
     bool strict = s->config->strict;
+    auto end = std::chrono::steady_clock::now();
     if (s->sender.empty()) {
         halyx_log(LOG_INFO, MILTER_LOG_NULL_SENDER, id.c_str());
+        metrics_message(metrics(), Outcome::SKIPPED, Reason::NULL_SENDER, "", -1);
     } else if (s->not_host) {
         halyx_log(LOG_INFO, MILTER_LOG_NOT_HOST, id.c_str(), mh_from_domain(s->sender.c_str()));
+        metrics_message(metrics(), Outcome::SKIPPED, Reason::NOT_HOST, "", -1);
     } else if (!s->unsignable.empty()) {
-        answer = carry_out(ctx, *s, id, not_signed(id, s->unsignable, false, strict));
+        answer = carry_out(ctx, *s, id, not_signed(id, s->unsignable, false, strict),
+                           Reason::UNSIGNABLE);
     } else if (s->write_errno != 0 || message_file(s) < 0) {
         int err = s->write_errno != 0 ? s->write_errno : errno;
         std::string why = std::string("cannot spool the message for the handler: ") + strerror(err);
-        answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict));
+        answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict), Reason::SPOOL);
     } else {
         const Config &c = *s->config;
         Job job = job_for(*s, id);
+        metrics().jobs_in_hand.fetch_add(1, std::memory_order_relaxed);
         Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
-        answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict));
+        metrics().jobs_in_hand.fetch_sub(1, std::memory_order_relaxed);
+        Reason why = r.verdict == Verdict::SKIPPED                           ? Reason::POLICY
+                     : r.verdict == Verdict::SIGNED && !r.signatures.empty() ? Reason::OK
+                     : r.verdict == Verdict::FAILED && !r.retry              ? Reason::PERMANENT
+                                                                             : Reason::TEMPORARY;
+        if (why == Reason::OK && !r.reason.empty()) why = Reason::PARTIAL;
+        int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                         std::chrono::steady_clock::now() - end)
+                         .count();
+        answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict), why, ns);
         if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED)
             check_alignment(*s, id, job.domain);
     }

@@ -2,6 +2,7 @@
 
 #include "milter/client_filter.h"
 #include "milter/helper.h"
+#include "milter/metrics.h"
 #include "milter/milter_log.h"
 #include "milter/pool.h"
 #include "milter/session.h"
@@ -84,6 +85,15 @@ bool Settings::reload()
                       fresh->socket.c_str(), old->socket.c_str());
             fresh->socket = old->socket;
         }
+        if (fresh->metrics != old->metrics) {
+            halyx_log(LOG_WARNING,
+                      "metrics %s: the metrics address changes when keyseal-milter restarts; "
+                      "it stays %s",
+                      fresh->metrics.empty() ? "none" : fresh->metrics.c_str(),
+                      old->metrics.empty() ? "none" : old->metrics.c_str());
+            fresh->metrics = old->metrics;
+        }
+        metrics_settings(metrics(), fresh->workers, fresh->metrics_per_domain);
         std::lock_guard<std::mutex> lock(mutex_);
         current_ = std::move(fresh);
     } catch (const ConfigError &e) {
@@ -162,7 +172,7 @@ int supervise(Settings &settings, Helper &helper)
         signalfd_siginfo si;
         while (read(sigfd, &si, sizeof(si)) == (ssize_t)sizeof(si)) {
             if (si.ssi_signo == SIGHUP) {
-                if (!stopping) settings.reload();
+                if (!stopping) metrics_reload(metrics(), settings.reload());
             } else {
                 stop(0);
             }
@@ -182,7 +192,9 @@ int supervise(Settings &settings, Helper &helper)
         }
         if (restart_due && Clock::now() >= restart_at) {
             restart_due = false;
-            if (helper.restart() != 0) {
+            if (helper.restart() == 0) {
+                metrics().helper_restarts.fetch_add(1, std::memory_order_relaxed);
+            } else {
                 halyx_log(LOG_ERR, MILTER_LOG_HELPER_FAILED, strerror(errno));
                 helper.stop(); /* the messages waiting for a helper are answered now */
                 stop(1);

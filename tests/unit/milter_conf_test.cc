@@ -41,6 +41,10 @@ TEST(MilterConf, SettingsAndMistakesByLine)
         {"headers From X:Y\n", ":1: 'X:Y' is no header field name", ""},
         {"signing_domain from\n", ":1: signing_domain takes envelope or header", ""},
         {"selector_map /nonexistent/map\n", "/nonexistent/map: No such file", ""},
+        {"metrics [::1]:9901\nmetrics_per_domain yes\n", "", "dkimsel=default"},
+        {"metrics localhost:9901\n", ":1: metrics takes ADDRESS:PORT", ""},
+        {"metrics 127.0.0.1:99999\n", ":1: metrics takes ADDRESS:PORT", ""},
+        {"metrics_per_domain some\n", ":1: metrics_per_domain takes yes or no", ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
