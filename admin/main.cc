@@ -189,7 +189,10 @@ int main(int argc, char **argv)
     auto *retire = rotate->add_subcommand("retire", "move the old key aside after a week");
     retire->add_option("DOMAIN", domain, "the signing domain")->required();
     retire->add_flag("--force", force, "retire before the grace period is over");
-    rotate->add_subcommand("auto", "take every domain one step further when its time has come");
+    auto *rotate_auto =
+        rotate->add_subcommand("auto", "take every domain one step further when its time has come");
+    rotate_auto->add_option("--prometheus", prometheus,
+                            "after the run, write the keys' state to FILE for Prometheus");
     int delegate_wait = 0;
     auto *delegate = app.add_subcommand(
         "delegate", "put a domain on the two fixed selectors its owner's CNAMEs point at");
@@ -289,7 +292,11 @@ int main(int argc, char **argv)
             return cmd_rotate_switch(domain, given, force);
         }
         if (name == "rotate retire") return cmd_rotate_retire(domain, force);
-        if (name == "rotate auto") return cmd_rotate_auto();
+        if (name == "rotate auto") {
+            int status = cmd_rotate_auto();
+            if (!prometheus.empty()) write_key_metrics(prometheus, {});
+            return status;
+        }
         if (name == "delegate") return cmd_delegate(domain, delegate_wait);
         Nameservers ns = parse_nameservers(nameservers);
         std::unique_ptr<Access> as;
