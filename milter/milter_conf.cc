@@ -193,7 +193,8 @@ std::string Config::settings() const
         << "\nsigning_domain " << (signing_domain == SigningDomain::HEADER ? "header" : "envelope")
         << "\nheaders " << joined(headers) << "\noversign "
         << (oversign.empty() ? "none" : joined(oversign)) << "\nselector_map " << selector_map
-        << "\n";
+        << "\nlong_lines " << (long_lines == LongLines::FOLD ? "fold" : "warn")
+        << "\nline_length_limit " << line_length_limit << "\n";
     out << "# " << selectors.size() << " domains in the selector map\n";
     if (selectors.size() <= 20)
         for (const auto &[domain, sel] :
@@ -266,10 +267,22 @@ Config load(const std::string &path)
             if (value != "envelope" && value != "header")
                 throw ConfigError(at + "signing_domain takes envelope or header");
             c.signing_domain = value == "header" ? SigningDomain::HEADER : SigningDomain::ENVELOPE;
+        } else if (name == "long_lines") {
+            if (value != "fold" && value != "warn")
+                throw ConfigError(at + "long_lines takes fold or warn");
+            c.long_lines = value == "fold" ? LongLines::FOLD : LongLines::WARN;
+        } else if (name == "line_length_limit") {
+            /* a limit of 1 would leave a continuation line no room after its space */
+            if (!whole || number < 0 || number == 1 || number > 1000000000)
+                throw ConfigError(at + "line_length_limit takes 0 (no limit) or a number of "
+                                       "characters from 2");
+            c.line_length_limit = (int)number;
         } else {
-            throw ConfigError(at + "unknown setting '" + name +
-                              "' (socket, clients, selector, strict, timeout, workers, "
-                              "selector_map, pid_file, headers, oversign, signing_domain)");
+            throw ConfigError(
+                at + "unknown setting '" + name +
+                "' (socket, clients, selector, strict, timeout, workers, "
+                "selector_map, pid_file, headers, oversign, signing_domain, long_lines, "
+                "line_length_limit)");
         }
     }
     read_map(c, map_named);

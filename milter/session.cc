@@ -4,6 +4,7 @@
 #include "milter/client_filter.h"
 #include "milter/helper.h"
 #include "milter/job.h"
+#include "milter/long_lines.h"
 #include "milter/milter_log.h"
 #include "milter/supervisor.h"
 #include "milter/verdict.h"
@@ -22,6 +23,7 @@
 #include <memory>
 #include <strings.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -47,6 +49,9 @@ constexpr unsigned long NOT_SENT = SMFIP_NOHELO | SMFIP_NOUNKNOWN | SMFIP_NODATA
  * so that a large message costs no more memory than this. */
 constexpr size_t IN_MEMORY_MAX = 64 * 1024;
 
+/* A folded body goes back to the mail server in pieces of the protocol's chunk size */
+constexpr size_t BODY_PIECE = 65535;
+
 struct Session {
     unsigned long no_reply = 0; /* the NO_REPLY stages this server agreed to */
     std::string client;         /* the SMTP client's address, "" when unknown */
@@ -64,6 +69,7 @@ struct Session {
     int fd = -1;                         /* ... or in this disk file */
     int write_errno = 0;                 /* not 0: the message could not be kept, for this reason */
     std::string unsignable;              /* why a signature of this message could never verify */
+    LineMeter head, body;                /* the longest header and body lines */
 
     void reset_message()
     {
@@ -73,6 +79,7 @@ struct Session {
         kept.clear();
         write_errno = 0;
         unsignable.clear();
+        head = body = LineMeter();
         not_host = false;
         config.reset();
         sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
@@ -161,7 +168,8 @@ sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned
                       unsigned long, unsigned long *pf0, unsigned long *pf1, unsigned long *pf2,
                       unsigned long *pf3)
 {
-    *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS);
+    /* the body is replaced only to fold its long lines */
+    *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CHGBODY);
     /* header values exactly as they stand, leading space included: the handler signs
      * what the receiver will see */
     *pf1 = f1 & (SMFIP_HDR_LEADSPC | SMFIP_SKIP | NOT_SENT);
@@ -244,6 +252,7 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     }
     line += "\r\n";
     append(s, line.data(), line.size());
+    if (s->config->line_length_limit > 0) s->head.feed(line.data(), line.size());
     /* the mail server numbers a header among those of its name, in any letter case */
     if (strcasecmp(name, "DKIM-Signature") == 0) s->signatures.push_back(line);
     if (strcasecmp(name, "From") == 0)
@@ -272,6 +281,9 @@ sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
     Session *s = session(ctx);
     if (s == nullptr) return SMFIS_CONTINUE;
     append(s, (const char *)chunk, length);
+    /* a line longer than Postfix's SMTP line limit: seen here, at no cost but a scan for
+     * line ends, so that only such a message is read again at its end */
+    if (s->keep && s->config->line_length_limit > 0) s->body.feed((const char *)chunk, length);
     return s->go(SMFIP_NR_BODY);
 }
 
@@ -312,6 +324,72 @@ void check_alignment(const Session &s, const std::string &id, const std::string 
                   s.from[0].empty() ? "no domain" : s.from[0].c_str());
 }
 
+/* whole_message - the kept message read back from its file; false with errno */
+bool whole_message(const Session &s, std::string &out)
+{
+    struct stat st;
+    if (fstat(s.fd, &st) != 0) return false;
+    out.resize(st.st_size);
+    for (size_t got = 0; got < out.size();) {
+        ssize_t n = pread(s.fd, out.data() + got, out.size() - got, (off_t)got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return errno = n == 0 ? EIO : errno, false;
+        got += n;
+    }
+    return true;
+}
+
+/* long_line - the message has a line longer than Postfix's SMTP client sends as it is */
+bool long_line(const Session &s)
+{
+    size_t limit = s.config->line_length_limit;
+    return limit > 0 && (s.head.longest() > limit || s.body.longest() > limit);
+}
+
+/* fold_long_lines - the lines longer than the limit broken as Postfix's SMTP client
+ * breaks them, in the mail server's copy and in the file the handler signs; "" or why
+ * that could not be done */
+std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
+{
+    std::string whole;
+    if (!whole_message(*s, whole))
+        return std::string("cannot read the message back to fold its long lines: ") +
+               strerror(errno);
+    int limit = s->config->line_length_limit;
+    Folding f = fold(whole, limit);
+    whole = std::string();
+    for (HeaderEdit &h : f.headers)
+        if (smfi_chgheader(ctx, h.name.data(), h.index, h.value.data()) != MI_SUCCESS)
+            return "the mail server refused the folded " + h.name + ": header";
+    for (size_t at = f.body_at; f.body_folded && at < f.message.size(); at += BODY_PIECE) {
+        size_t n = std::min(BODY_PIECE, f.message.size() - at);
+        if (smfi_replacebody(ctx, (unsigned char *)f.message.data() + at, (int)n) != MI_SUCCESS)
+            return "the mail server refused the folded body";
+    }
+    close(s->fd);
+    s->fd = -1;
+    s->kept.clear();
+    append(s, f.message.data(), f.message.size());
+    if (s->write_errno != 0 || message_file(s) < 0)
+        return std::string("cannot spool the folded message for the handler: ") +
+               strerror(s->write_errno != 0 ? s->write_errno : errno);
+    halyx_log(LOG_INFO, MILTER_LOG_FOLDED, id.c_str(), f.lines, limit, f.first.c_str());
+    // counted by the metrics
+    return "";
+}
+
+/* warn_long_line - the first line Postfix's SMTP client will break after signing */
+void warn_long_line(const Session &s, const std::string &id)
+{
+    std::string whole;
+    int limit = s.config->line_length_limit;
+    if (!whole_message(s, whole)) return;
+    Folding f = fold(whole, limit);
+    halyx_log(LOG_WARNING, MILTER_LOG_LONG_LINE, id.c_str(), f.first.c_str(), (int)f.first_length,
+              limit);
+    // counted by the metrics
+}
+
 /* job_for - the worker's job for the session's message */
 Job job_for(const Session &s, const std::string &id)
 {
@@ -339,11 +417,19 @@ sfsistat on_eom(SMFICTX *ctx)
         answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict));
     } else {
         const Config &c = *s->config;
-        Job job = job_for(*s, id);
-        Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
-        answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict));
-        if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED)
-            check_alignment(*s, id, job.domain);
+        bool fold = c.long_lines == LongLines::FOLD && long_line(*s);
+        std::string unfolded = fold ? fold_long_lines(ctx, s, id) : "";
+        if (!unfolded.empty()) {
+            answer = carry_out(ctx, *s, id, not_signed(id, unfolded, true, strict));
+        } else {
+            Job job = job_for(*s, id);
+            Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
+            answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict));
+            if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED) {
+                check_alignment(*s, id, job.domain);
+                if (c.long_lines == LongLines::WARN && long_line(*s)) warn_long_line(*s, id);
+            }
+        }
     }
     s->reset_message();
     return answer;
@@ -370,7 +456,7 @@ void session_register(smfiDesc &desc, const Settings &settings, Helper &helper)
     helper_ = &helper;
     desc.xxfi_name = (char *)"keyseal";
     desc.xxfi_version = SMFI_VERSION;
-    desc.xxfi_flags = SMFIF_ADDHDRS | SMFIF_CHGHDRS;
+    desc.xxfi_flags = SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CHGBODY;
     desc.xxfi_connect = on_connect;
     desc.xxfi_envfrom = on_envfrom;
     desc.xxfi_envrcpt = on_envrcpt;

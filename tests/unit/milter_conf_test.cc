@@ -41,6 +41,11 @@ TEST(MilterConf, SettingsAndMistakesByLine)
         {"headers From X:Y\n", ":1: 'X:Y' is no header field name", ""},
         {"signing_domain from\n", ":1: signing_domain takes envelope or header", ""},
         {"selector_map /nonexistent/map\n", "/nonexistent/map: No such file", ""},
+        {"long_lines warn\nline_length_limit 0\n", "", "dkimsel=default"},
+        {"long_lines cut\n", ":1: long_lines takes fold or warn", ""},
+        /* a continuation line would have no room after its space */
+        {"line_length_limit 1\n", ":1: line_length_limit takes 0 (no limit) or a number", ""},
+        {"line_length_limit -5\n", ":1: line_length_limit takes 0 (no limit) or a number", ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
