@@ -2,6 +2,7 @@
 #include "admin/maillog.h"
 #include "admin/report.h"
 
+#include "admin/line_limit.h"
 #include "milter/milter_conf.h"
 #include "net/ip_network.hpp"
 
@@ -805,11 +806,11 @@ void check_rewrites(const keyseal_milter::Config &c, Master &m, Report &report)
 }
 
 /* signed_line_limit - the longest line keyseal-milter leaves as it is in a message it signs:
- * it folds none, so any line mail may carry (998 characters); when it folds lines, the
- * length it folds to */
-int signed_line_limit(const keyseal_milter::Config &)
+ * with long_lines fold, the limit recorded from Postfix that it folds to (0: it folds
+ * none); with warn, it folds none, so any line mail may carry (998 characters) */
+int signed_line_limit(const keyseal_milter::Config &c)
 {
-    return 998;
+    return c.long_lines == keyseal_milter::LongLines::FOLD ? c.line_length_limit : 998;
 }
 
 /* check_line_limits - Postfix's SMTP and LMTP clients break a line longer than their limit
@@ -817,10 +818,32 @@ int signed_line_limit(const keyseal_milter::Config &)
 void check_line_limits(const keyseal_milter::Config &c, Master &m, Report &report)
 {
     const int longest = signed_line_limit(c);
+    const bool folds = c.long_lines == keyseal_milter::LongLines::FOLD;
     for (const std::string client : {"smtp", "lmtp"}) {
         std::string name = client + "_line_length_limit";
         for (const auto &[service, value] : m.places(name)) {
             long limit = strtol(value.c_str(), nullptr, 10);
+            /* folding to another limit than Postfix's: its client breaks what is left
+             * longer after signing, or lines are folded that Postfix would have sent whole */
+            if (folds && limit != longest) {
+                bool breaks = limit > 0 && (longest == 0 || limit < longest);
+                /* the limit is recorded from the SMTP client's: the LMTP client's matters
+                 * only where it breaks what keyseal-milter left */
+                if (!breaks && client == "lmtp") continue;
+                std::string text =
+                    where(service, name, value) + ": Postfix's " +
+                    (client == "smtp" ? "SMTP" : "LMTP") + " client breaks " +
+                    (limit > 0 ? "lines longer than " + value + " characters" : "no line") +
+                    ", keyseal-milter folds " +
+                    (longest > 0 ? "lines longer than " + std::to_string(longest) : "none") +
+                    " (line_length_limit in " + c.path + ")" +
+                    (breaks ? ", so that receivers cannot verify the signature of a message with "
+                              "a line between the two"
+                            : ": lines are folded that Postfix would send whole") +
+                    "; fix: keyseal-admin postfix setup records smtp_line_length_limit";
+                breaks ? report.error(text) : report.warning(text);
+                continue;
+            }
             if (limit <= 0 || limit >= longest) continue;
             report.error(where(service, name, value) + ": Postfix's " +
                          (client == "smtp" ? "SMTP" : "LMTP") +
@@ -976,6 +999,7 @@ int cmd_postfix_setup()
     change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion = ", "");
     change(CLEANUP_MARK, MILTER_LOCAL_MARK, "master.cf cleanup -o milter_macro_daemon_name=",
            " (marks mail submitted with sendmail)");
+    lines.push_back(record_line_limit(MILTER_CONF_PATH, get("smtp_line_length_limit")));
 
     std::vector<std::string> kept = copy_configuration(dir);
     write_record(record_path(), record); /* first: remove must know what setup wrote */
