@@ -4,6 +4,7 @@ so that the next hop gets the very bytes Postfix alone delivers, with a signatur
 Mail::DKIM accept; with long_lines warn the signature fails and the log says why."""
 import json
 import re
+import subprocess
 
 import pytest
 
@@ -110,7 +111,27 @@ def test_warn_leaves_the_line_and_names_it(lab, case, how, data, broken, first):
         assert not re.search(rf"{qid}: warning: ", lab.log())
 
 
+def test_the_limit_setup_records_is_the_one_folded_to(lab):
+    postconf = lambda *a: subprocess.run(["postconf", *a], check=True, capture_output=True)
+    postconf("-e", "smtp_line_length_limit = 120")
+    milter(lab, "")  # the settings file as the lab writes it, then setup's line added
+    try:
+        out = lab.admin("postfix", "setup").stdout
+        assert "changed: line_length_limit 120 in /etc/keyseal/milter.conf" in out
+        assert lab.admin("postfix", "setup").stdout.count("unchanged: line_length_limit 120") == 1
+        with open("/etc/keyseal/milter.conf") as f:
+            milter(lab, f.read())
+        got, qid = send(lab, smtp, message(10, subject=b"s" * 200, body=b"x" * 300 + b"\r\n"), "setup")
+        assert verifies(got) and mail_dkim(got) == ["pass"]
+        assert b"\r\nSubject: " + b"s" * 111 + b"\r\n " + b"s" * 89 + b"\r\n" in got
+        assert b"\r\n\r\n" + b"x" * 120 + b"\r\n " + b"x" * 119 + b"\r\n " + b"x" * 61 + b"\r\n" in got
+        lab.log(until=rf"{qid}: folded 2 lines longer than 120 characters")
+    finally:
+        postconf("-X", "smtp_line_length_limit")
+        lab.admin("postfix", "setup")
+
+
 def test_report_counts_folded_and_warned_messages(lab):
     long_lines = json.loads(lab.admin("report", "--json", LOG).stdout)["long_lines"]
-    assert long_lines == {"folded": sum(1 for c in CASES if c[3]), "warned": 2}
+    assert long_lines == {"folded": sum(1 for c in CASES if c[3]) + 1, "warned": 2}
     milter(lab, "")
