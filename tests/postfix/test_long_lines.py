@@ -64,15 +64,21 @@ def without_trace(data):
     return [f for f in fields if not re.match(rb"(Received|DKIM-Signature):", f, re.I)], body
 
 
+def postconf(*args):
+    return subprocess.run(["postconf", *args], check=True, capture_output=True, text=True).stdout.strip()
+
+
 @pytest.fixture(scope="module")
 def alone(lab):
-    """Each case as Postfix alone delivers it: keyseal-milter out of the way."""
-    lab.stop_milter()
+    """Each case as Postfix alone delivers it: keyseal-milter out of its milter lists."""
+    lists = {name: postconf("-h", name) for name in ("smtpd_milters", "non_smtpd_milters")}
+    postconf("-e", "smtpd_milters =", "non_smtpd_milters =")
+    subprocess.run(["postfix", "reload"], check=True, capture_output=True)
     try:
         return {case: send(lab, how, data, "alone")[0] for case, how, data, _, _ in CASES}
     finally:
-        lab.start_milter()
-        lab.long_lines_conf = ""
+        postconf("-e", *[f"{name} = {value}" for name, value in lists.items()])
+        subprocess.run(["postfix", "reload"], check=True, capture_output=True)
 
 
 @pytest.mark.parametrize("case,how,data,broken,first", CASES, ids=[c[0] for c in CASES])
@@ -112,7 +118,6 @@ def test_warn_leaves_the_line_and_names_it(lab, case, how, data, broken, first):
 
 
 def test_the_limit_setup_records_is_the_one_folded_to(lab):
-    postconf = lambda *a: subprocess.run(["postconf", *a], check=True, capture_output=True)
     postconf("-e", "smtp_line_length_limit = 120")
     milter(lab, "")  # the settings file as the lab writes it, then setup's line added
     try:
