@@ -1,4 +1,5 @@
-#include "admin/admin.h"
+#include "admin/access.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/whitelist.h"
@@ -123,7 +124,7 @@ std::vector<int> Access::errors(const std::vector<Probe> &probes) const
     return out;
 }
 
-void Access::check_key(const std::string &path, Report &report) const
+void Access::check_key(const std::string &path, Findings &report) const
 {
     int err = errors({{path, READ}})[0];
     if (err == 0) {
@@ -136,7 +137,7 @@ void Access::check_key(const std::string &path, Report &report) const
                  path + " && chmod 0750 " + dir + " && chmod 0640 " + path);
 }
 
-void Access::check_files(Report &report) const
+void Access::check_files(Findings &report) const
 {
     const std::string whitelist = DK_WHITELIST_PATH, spool = MAIL_SPOOL_DIR;
     std::vector<int> err = errors({{whitelist, READ_IF_THERE}, {spool, CREATE_IN}});

@@ -1,4 +1,10 @@
-#include "admin/admin.h"
+/*
+ * dns - DNS questions of keyseal-admin: TXT records, a zone's authoritative servers, and the
+ * DKIM library's key lookups, all through one stub resolver.
+ */
+#include "admin/dns.h"
+
+#include "admin/keys.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_sign.h"
@@ -37,6 +43,19 @@ struct Resolver {
     }
     ~Resolver() { res_nclose(&state); }
 };
+
+Nameservers parse_nameservers(const std::string &list)
+{
+    Nameservers ns;
+    std::stringstream in(list);
+    for (std::string ip; std::getline(in, ip, ',');) {
+        in_addr a;
+        if (inet_pton(AF_INET, ip.c_str(), &a) != 1)
+            throw Usage("--nameserver takes IPv4 addresses separated by ',': '" + ip + "'");
+        ns.push_back(ip);
+    }
+    return ns;
+}
 
 namespace
 {
@@ -92,31 +111,6 @@ std::map<std::string, std::string> record_tags(const std::string &record)
     }
     return out;
 }
-
-namespace
-{
-
-/* test_key - libopendkim's own comparison of the published key with the private one */
-void test_key(const std::string &domain, const std::string &selector, EVP_PKEY *key,
-              const Nameservers &ns, Report &report)
-{
-    DkimLibrary lib(ns, 0);
-    std::string pem = key_pem(key);
-    char err[256] = "";
-    int rc = dkim_test_key(lib.get(), (char *)selector.c_str(), (char *)domain.c_str(), pem.data(),
-                           pem.size(), nullptr, err, sizeof(err));
-    OPENSSL_cleanse(pem.data(), pem.size());
-    if (rc == 0)
-        report.ok("the published public key matches the private key");
-    else if (rc == 1)
-        report.error("the published public key does not match the private key: publish the "
-                     "record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-    else
-        report.error(std::string("the DKIM library could not test the key: ") + err);
-}
-
-} // namespace
 
 bool record_matches(const std::string &p, EVP_PKEY *key)
 {
@@ -264,112 +258,6 @@ std::vector<NameServer> authoritative_servers(const std::string &domain, std::st
         throw Problem("no NS records for the zone " + zone +
                       ": name the servers with --nameserver");
     return out;
-}
-
-/* check_key - the key file, its published record and their match, for one key */
-static void check_key(const std::string &domain, const std::string &selector, const Nameservers &ns,
-                      const Access *user, Report &report)
-{
-    std::string path = key_path(domain, selector);
-    Pkey key = inspect_key(path, report);
-    if (user != nullptr) user->check_key(path, report);
-
-    std::string name = selector + "._domainkey." + domain;
-    std::vector<std::string> records;
-    try {
-        records = lookup_txt(name, ns);
-    } catch (const Problem &e) {
-        report.error(std::string(e.what()) + ": check the nameservers (--nameserver names them)");
-        return;
-    }
-    if (records.empty()) {
-        report.error("no TXT record at " + name + ": publish the record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-        return;
-    }
-    if (records.size() > 1)
-        report.error(std::to_string(records.size()) + " TXT records at " + name +
-                     ": receivers need exactly one; remove all but the one 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-    auto t = record_tags(records[0]);
-    report.ok("TXT record at " + name);
-    if (t.count("v") && t["v"] != "DKIM1") report.error("the record's v= is not DKIM1");
-    /* a record without k= is an RSA key's */
-    std::string k = t.count("k") ? t["k"] : "rsa", want = key ? key_type(key.get()) : k;
-    bool same_type = k == want;
-    if (k != "rsa" && k != "ed25519")
-        report.error("the record's k= is neither rsa nor ed25519: " + k);
-    else if (!same_type)
-        report.error("the record's k= is " + k + " but the private key is " + want +
-                     ": publish the record that 'keyseal-admin dns " + domain + " --selector " +
-                     selector + "' prints");
-    if (t["p"].empty()) report.error("the record has no public key (empty or missing p=): revoked");
-    if (t.count("t") && t["t"].find('y') != std::string::npos)
-        report.warning("the record is in testing mode (t=y): receivers may ignore failures");
-    if (!key || t["p"].empty() || !same_type) return;
-    if (want == "rsa")
-        test_key(domain, selector, key.get(), ns, report);
-    else if (record_matches(t["p"], key.get()))
-        report.ok("the published public key matches the private key");
-    else
-        report.error("the published public key does not match the private key: publish the "
-                     "record that 'keyseal-admin dns " +
-                     domain + " --selector " + selector + "' prints");
-}
-
-/* keys - every DOMAIN/SELECTOR under the keys directory whose names the handler could be
- * given; others (the whitelist, kept replaced keys, dot files) are not keys */
-std::vector<std::pair<std::string, std::string>> all_keys()
-{
-    std::vector<std::pair<std::string, std::string>> out;
-    std::error_code ec;
-    for (const auto &d : std::filesystem::directory_iterator(DK_KEYS_DIR, ec)) {
-        if (!d.is_directory() || !valid_name(d.path().filename())) continue;
-        for (const auto &k : std::filesystem::directory_iterator(d.path(), ec))
-            if (!k.is_directory() && valid_name(k.path().filename()))
-                out.emplace_back(d.path().filename(), k.path().filename());
-    }
-    if (ec) throw Problem("cannot list the keys in " + errno_text(DK_KEYS_DIR));
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
-int cmd_check(std::string domain, const std::string &selector, const Nameservers &ns,
-              const Access *user, bool all)
-{
-    if (!all) {
-        check_names(domain, selector);
-        Report report;
-        check_key(domain, selector, ns, user, report);
-        if (user != nullptr) user->check_files(report);
-        return report.exit_status();
-    }
-    auto found = all_keys();
-    if (found.empty())
-        throw Problem("no keys under " + std::string(DK_KEYS_DIR) +
-                      ": make one with 'keyseal-admin keygen DOMAIN'");
-    Report summary;
-    size_t bad = 0;
-    for (const auto &[d, s] : found) {
-        Report one(true);
-        check_key(d, s, ns, user, one);
-        std::string name = d + "/" + s;
-        bad += one.errors > 0;
-        if (one.errors > 0)
-            summary.error(name + ": " + one.first_error +
-                          (one.errors > 1
-                               ? " (and " + std::to_string(one.errors - 1) +
-                                     " more: keyseal-admin check " + d + " --selector " + s + ")"
-                               : ""));
-        else if (!one.first_warning.empty())
-            summary.warning(name + ": " + one.first_warning);
-        else
-            summary.ok(name);
-    }
-    if (user != nullptr) user->check_files(summary);
-    printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
-           bad);
-    return summary.exit_status();
 }
 
 } // namespace keyseal_admin

@@ -1,4 +1,8 @@
-#include "admin/admin.h"
+#include "admin/explain.h"
+
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/whitelist.h"
 
 #include "dkim/dk_engine.h"
 #include "dkim/dk_key.h"
@@ -61,7 +65,7 @@ void observe(void *data, int event, int number, const char *text)
         break;
     case DK_EVENT_KEY: {
         printf("key: %s\n", text);
-        Report report;
+        Findings report;
         inspect_key(text, report);
         break;
     }

@@ -1,7 +1,10 @@
 /* explain --queue-id: one message's story from the mail log, in the words of its lines */
-#include "admin/admin.h"
+#include "admin/explain_queue.h"
+
+#include "admin/whitelist.h"
 #include "admin/maillog.h"
 #include "admin/report.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/dk_policy.h"

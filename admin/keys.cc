@@ -1,4 +1,8 @@
-#include "admin/admin.h"
+#include "admin/keys.h"
+
+#include "admin/files.h"
+#include "admin/names.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 
@@ -234,7 +238,7 @@ std::string dns_record(const std::string &domain, const std::string &selector, E
     return out;
 }
 
-Pkey inspect_key(const std::string &path, Report &report)
+Pkey inspect_key(const std::string &path, Findings &report)
 {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
@@ -281,15 +285,10 @@ Pkey inspect_key(const std::string &path, Report &report)
     return bits < MIN_BITS ? nullptr : std::move(pkey);
 }
 
-int cmd_keygen(std::string domain, const std::string &selector, const std::string &type, int bits,
-               const std::string &group, bool force)
+Pkey new_key(const std::string &domain, const std::string &selector, const std::string &type,
+             int bits, gid_t gid, bool force, std::string &written)
 {
-    check_names(domain, selector);
-    gid_t gid = key_group(group);
     std::string path = key_path(domain, selector);
-    if (!force && access(path.c_str(), F_OK) == 0)
-        throw Problem("a key exists already: " + path + " (--force replaces it)");
-
     Pkey key = generate_key(type, bits);
     std::string dir = keys_dir_for(domain, gid);
     std::string kept = force ? keep_aside(dir, selector, "replaced") : "";
@@ -303,8 +302,23 @@ int cmd_keygen(std::string domain, const std::string &selector, const std::strin
     if (!kept.empty())
         fprintf(stderr, "kept the replaced key as %s (mv it back to undo)\n", kept.c_str());
     std::string what = type == "ed25519" ? "Ed25519" : "RSA " + std::to_string(bits) + " bits";
-    fprintf(stderr, "wrote %s (%s, mode 0640, group %s); publish this record:\n", path.c_str(),
-            what.c_str(), g != nullptr ? g->gr_name : std::to_string(gid).c_str());
+    written = path + " (" + what + ", mode 0640, group " +
+              (g != nullptr ? g->gr_name : std::to_string(gid)) + ")";
+    return key;
+}
+
+int cmd_keygen(std::string domain, const std::string &selector, const std::string &type, int bits,
+               const std::string &group, bool force)
+{
+    check_names(domain, selector);
+    gid_t gid = key_group(group);
+    std::string path = key_path(domain, selector);
+    if (!force && access(path.c_str(), F_OK) == 0)
+        throw Problem("a key exists already: " + path + " (--force replaces it)");
+
+    std::string written;
+    Pkey key = new_key(domain, selector, type, bits, gid, force, written);
+    fprintf(stderr, "wrote %s; publish this record:\n", written.c_str());
     if (type == "ed25519") fprintf(stderr, "note: %s\n", ED25519_NOTE);
     fputs(dns_record(domain, selector, key.get()).c_str(), stdout);
     return EXIT_OK;

@@ -1,6 +1,7 @@
 #include "admin/line_limit.h"
 
 #include "admin/admin.h"
+#include "admin/files.h"
 
 #include <cerrno>
 #include <fstream>

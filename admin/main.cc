@@ -3,7 +3,22 @@
  * the spool, for the keyseal handler.
  * Exit status: 0 success, 1 a problem found, 2 a usage error.
  */
-#include "admin/admin.h"
+#include "admin/access.h"
+#include "admin/check.h"
+#include "admin/dns.h"
+#include "admin/explain.h"
+#include "admin/explain_queue.h"
+#include "admin/hosted.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "admin/postfix_check.h"
+#include "admin/postfix_setup.h"
+#include "admin/report.h"
+#include "admin/rotate.h"
+#include "admin/selftest.h"
+#include "admin/spool.h"
+#include "admin/whitelist.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_key.h"
 #include "util/halyx_log.h"
@@ -67,6 +82,11 @@ int main(int argc, char **argv)
     keygen->add_option("--group", group,
                        "the key readers' group (default: that of " DK_KEYS_DIR ")");
     keygen->add_flag("--force", force, "replace an existing key");
+    bool missing = false;
+    keygen->get_option("DOMAIN")->required(false);
+    keygen->add_flag("--missing", missing,
+                     "a key for every hosted domain that has none: those of Postfix's domain "
+                     "lists, or of a FILE (one a line) named in place of DOMAIN");
     auto *dns = app.add_subcommand("dns", "print the DNS record of an existing key");
     domain_arg(dns);
     auto *check = app.add_subcommand("check", "check the key file and its published record");
@@ -184,11 +204,21 @@ int main(int argc, char **argv)
     if (name == "whitelist" || name == "postfix" || name == "rotate")
         name += " " + command->get_subcommands().front()->get_name();
     try {
+        const char *ed25519_bits = "--bits is for RSA keys; an Ed25519 key has one size";
+        if (name == "keygen" && missing) {
+            if (type != "rsa" && keygen->count("--bits") > 0) throw Usage(ed25519_bits);
+            if (force)
+                throw Usage("--missing makes keys only where there is none: not with --force");
+            /* a FILE here, not a domain */
+            return cmd_keygen_missing(domain, keygen->count("--selector") > 0 ? selector : "", type,
+                                      bits, group);
+        }
         /* keys are stored and looked up under the domain as mail servers compare it */
         if (!domain.empty()) domain = canonical_domain(domain);
+        if (name == "keygen" && domain.empty())
+            throw Usage("name a DOMAIN, or --missing for every hosted domain without a key");
         if (name == "keygen") {
-            if (type != "rsa" && keygen->count("--bits") > 0)
-                throw Usage("--bits is for RSA keys; an Ed25519 key has one size");
+            if (type != "rsa" && keygen->count("--bits") > 0) throw Usage(ed25519_bits);
             return cmd_keygen(domain, selector, type, bits, group, force);
         }
         if (name == "dns") return cmd_dns(domain, selector);

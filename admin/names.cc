@@ -1,26 +1,19 @@
-#include "admin/admin.h"
+/*
+ * names - the names keys go by: a domain and a selector as the handler takes them, and the
+ * key files under the keys directory.
+ */
+#include "admin/names.h"
+
+#include "admin/files.h"
 
 #include "dkim/dk_key.h"
-#include "util/file_utils.h"
 
-#include <arpa/inet.h>
-#include <cerrno>
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <unistd.h>
-#include <ctime>
-#include <sstream>
+#include <filesystem>
 
 namespace keyseal_admin
 {
-
-void Report::line(const char *kind, const std::string &what) const
-{
-    if (quiet_) return;
-    printf("%s: %s\n", kind, what.c_str());
-    fflush(stdout);
-}
 
 bool valid_name(const std::string &name)
 {
@@ -47,24 +40,6 @@ void check_names(std::string &domain, const std::string &selector)
         throw Usage("invalid selector '" + selector + "': " + why);
 }
 
-Nameservers parse_nameservers(const std::string &list)
-{
-    Nameservers ns;
-    std::stringstream in(list);
-    for (std::string ip; std::getline(in, ip, ',');) {
-        in_addr a;
-        if (inet_pton(AF_INET, ip.c_str(), &a) != 1)
-            throw Usage("--nameserver takes IPv4 addresses separated by ',': '" + ip + "'");
-        ns.push_back(ip);
-    }
-    return ns;
-}
-
-std::string errno_text(const std::string &path)
-{
-    return path + ": " + strerror(errno);
-}
-
 std::string key_path(const std::string &domain, const std::string &selector)
 {
     char *p = dk_key_path(domain.c_str(), selector.c_str());
@@ -73,27 +48,21 @@ std::string key_path(const std::string &domain, const std::string &selector)
     return path;
 }
 
-/* write_text - edit_file_safe's editor: the text, on the disk before the rename */
-static int write_text(FILE *, FILE *out, void *data)
+/* all_keys - only names the handler could be given: the whitelist, kept replaced keys and
+ * dot files are not keys */
+std::vector<std::pair<std::string, std::string>> all_keys()
 {
-    const std::string &text = *static_cast<const std::string *>(data);
-    if (fwrite(text.data(), 1, text.size(), out) != text.size() || fflush(out) != 0 ||
-        fsync(fileno(out)) != 0)
-        return -1;
-    return 0;
-}
-
-int replace_file(const std::string &path, const std::string &text)
-{
-    return edit_file_safe(path.c_str(), write_text, const_cast<std::string *>(&text), 0);
-}
-
-std::string file_stamp()
-{
-    char stamp[32];
-    time_t now = time(nullptr);
-    strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%S", localtime(&now));
-    return stamp;
+    std::vector<std::pair<std::string, std::string>> out;
+    std::error_code ec;
+    for (const auto &d : std::filesystem::directory_iterator(DK_KEYS_DIR, ec)) {
+        if (!d.is_directory() || !valid_name(d.path().filename())) continue;
+        for (const auto &k : std::filesystem::directory_iterator(d.path(), ec))
+            if (!k.is_directory() && valid_name(k.path().filename()))
+                out.emplace_back(d.path().filename(), k.path().filename());
+    }
+    if (ec) throw Problem("cannot list the keys in " + errno_text(DK_KEYS_DIR));
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
 } // namespace keyseal_admin

@@ -2,6 +2,7 @@
 
 #include "admin/admin.h"
 #include "admin/maillog.h"
+#include "milter/milter_conf.h"
 #include "dkim/dk_key.h"
 #include "dkim/dk_engine.h"
 #include "dkim/dk_policy.h"

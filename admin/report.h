@@ -134,6 +134,10 @@ std::string render_text(const Summary &s, bool utf8);
  * files say were not signed; -1 when none could be read */
 long loopback_unsigned(const std::vector<std::string> &files);
 
+/* cmd_report - `keyseal-admin report`: the handler's runs read from mail log files (plain or
+ * .gz), or the journal; the exit status, or Problem when the log cannot be read */
+int cmd_report(const std::string &since, bool json, const std::vector<std::string> &files);
+
 } // namespace keyseal_admin
 
 #endif

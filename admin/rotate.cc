@@ -11,22 +11,26 @@
  *   new SELECTOR                 the selector that signs after it
  *   started|switched|retired TIME  when each step was taken (UTC, 2026-11-23T18:00:00Z)
  */
-#include "admin/admin.h"
+#include "admin/rotate.h"
+
+#include "admin/dns.h"
+#include "admin/files.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "milter/milter_conf.h"
+#include "milter/selector_map.h"
 
 #include "dkim/dk_key.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace keyseal_admin
@@ -120,14 +124,11 @@ State load_state(const std::string &domain)
     return s;
 }
 
-/* Milter - keyseal-milter as installed: its settings and its selector map, read by this
- * program's own small reader of map lines ("DOMAIN SELECTOR [SELECTOR2]", '#' comments)
- * so that a rewrite keeps every other line as it was */
+/* Milter - keyseal-milter as installed: its settings, with the selector map they name */
 struct Milter {
     bool installed = false;
     keyseal_milter::Config config;
     std::string map_path;
-    std::vector<std::string> lines; /* the map file's lines, unchanged */
 
     Milter()
     {
@@ -139,30 +140,6 @@ struct Milter {
             throw Problem(std::string(e.what()) + ": keyseal-milter --check-config names it");
         }
         map_path = config.selector_map;
-        std::ifstream in(map_path);
-        if (!in && errno != ENOENT)
-            throw Problem("cannot read the selector map " + errno_text(map_path));
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-    }
-
-    /* same_domain - a map line's domain is this one, compared as keyseal-milter does */
-    static bool same_domain(const std::vector<std::string> &words, const std::string &domain)
-    {
-        if (words.empty()) return false;
-        char *c = dk_domain_canonical(words[0].c_str());
-        bool same = c != nullptr && domain == c;
-        free(c);
-        return same;
-    }
-
-    static std::vector<std::string> words(const std::string &line)
-    {
-        std::istringstream in(line.substr(0, line.find('#')));
-        std::vector<std::string> out;
-        for (std::string w; in >> w;)
-            out.push_back(w);
-        return out;
     }
 
     /* selectors - what the domain signs with, as keyseal-milter reads its settings */
@@ -177,44 +154,12 @@ struct Milter {
     {
         auto sels = selectors(domain);
         std::replace(sels.begin(), sels.end(), old, now);
-        std::string line = domain;
-        for (const auto &s : sels)
-            line += " " + s;
-        bool found = false;
-        for (auto &l : lines) {
-            auto w = words(l);
-            if (same_domain(w, domain)) {
-                l = line;
-                found = true;
-            }
-        }
-        if (!found) lines.push_back(line);
-        std::string text;
-        for (const auto &l : lines)
-            text += l + "\n";
-        if (replace_file(map_path, text) != 0)
+        if (keyseal_milter::set_selectors(map_path, domain, sels) != 0)
             throw Problem("cannot write " + errno_text(map_path));
     }
 
     /* reload - keyseal-milter told to read its map again: "" when done, else why not */
-    std::string reload() const
-    {
-        if (access("/run/systemd/system", F_OK) == 0) {
-            Run r = run_program("/bin/systemctl", {"reload", "keyseal-milter"}, {}, "");
-            if (WIFEXITED(r.status) && WEXITSTATUS(r.status) == 0) return "";
-            std::string err = r.err.substr(0, r.err.find('\n'));
-            return "systemctl reload keyseal-milter failed" + (err.empty() ? "" : ": " + err);
-        }
-        const std::string &pid_file = config.pid_file;
-        if (pid_file.empty()) return "its pid_file is none, so no process to signal";
-        std::ifstream in(pid_file);
-        long pid = 0;
-        if (!(in >> pid) || pid <= 1) return "no process id in " + pid_file + " (is it running?)";
-        if (kill((pid_t)pid, SIGHUP) != 0)
-            return "cannot signal process " + std::to_string(pid) + " of " + pid_file + ": " +
-                   strerror(errno);
-        return "";
-    }
+    std::string reload() const { return keyseal_milter::reload_milter(config.pid_file); }
 };
 
 /* key_of - the key file's key, or null when it cannot be read */
@@ -433,7 +378,7 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
     else
         for (const auto &ip : given)
             servers.push_back({ip, ip});
-    Report report;
+    Findings report;
     std::string stale;
     for (const auto &ns : servers) {
         std::string who = ns.ip + (ns.host != ns.ip ? " (" + ns.host + ")" : "");

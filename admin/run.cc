@@ -1,4 +1,6 @@
-#include "admin/admin.h"
+#include "admin/run.h"
+
+#include "admin/access.h"
 
 #include <cerrno>
 #include <cstring>

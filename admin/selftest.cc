@@ -1,4 +1,11 @@
-#include "admin/admin.h"
+#include "admin/selftest.h"
+
+#include "admin/access.h"
+#include "admin/dns.h"
+#include "admin/keys.h"
+#include "admin/names.h"
+#include "admin/run.h"
+#include "milter/milter_conf.h"
 
 #include "dkim/dk_engine.h"
 #include "dkim/dk_key.h"
@@ -41,7 +48,7 @@ std::string describe(int status)
 }
 
 /* verify - libopendkim's verifier on the signed message, keys from the DNS */
-void verify(const std::string &message, const Nameservers &ns, Report &report)
+void verify(const std::string &message, const Nameservers &ns, Findings &report)
 {
     DkimLibrary lib(ns, DKIM_LIBFLAGS_FIXCRLF); /* the handler writes LF line ends */
     DKIM_STAT status = DKIM_STAT_OK;
@@ -186,7 +193,7 @@ int cmd_test(std::string domain, const std::string &selector, const Nameservers 
     std::string message = sample;
     free(sample);
 
-    Report report;
+    Findings report;
     /* signed_ok - a signed message: its size and first line, then the DNS's verdict on it */
     auto signed_ok = [&](const Run &run, const std::string &how) {
         report.ok(how + std::to_string(run.out.size()) + " bytes out");

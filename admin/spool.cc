@@ -1,4 +1,6 @@
-#include "admin/admin.h"
+#include "admin/spool.h"
+
+#include "admin/files.h"
 
 #include "mailhandler/mail_me.h"
 

@@ -1,4 +1,4 @@
-#include "admin/admin.h"
+#include "admin/whitelist.h"
 
 #include "dkim/dk_key.h"
 #include "dkim/whitelist.hpp"

@@ -4,7 +4,7 @@
 // carries exactly one header, "DKIM-Signature: " first, every line ended by LF, no CR,
 // continuation lines starting with TAB; a failure carries a one-line text or none.
 // A NUL dropping the rest of its line is the designed behaviour, not a finding.
-#include "admin/admin.h"
+#include "admin/keys.h"
 #include "dkim/dk_sign.h"
 #include "util/halyx_log.h"
 

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -73,18 +72,6 @@ bool flag(const std::string &v, bool &out)
     return false;
 }
 
-/* selector_list - one or two selectors; throws with at's "FILE:LINE: " */
-std::vector<std::string> selector_list(const std::vector<std::string> &names, const std::string &at)
-{
-    if (names.empty() || names.size() > 2) throw ConfigError(at + "expected one or two selectors");
-    for (const auto &s : names)
-        if (const char *why = dk_selector_problem(s.c_str()))
-            throw ConfigError(at + "selector '" + s + "' is no name: " + why);
-    if (names.size() == 2 && names[0] == names[1])
-        throw ConfigError(at + "selector '" + names[0] + "' named twice");
-    return names;
-}
-
 /* field_list - header field names: printable, no ':' */
 std::vector<std::string> field_list(const std::vector<std::string> &names, const std::string &at)
 {
@@ -121,26 +108,6 @@ std::vector<halyx::net::IPAnyNetwork> network_list(std::vector<std::string> &nam
         out.push_back(net);
     }
     return out;
-}
-
-void read_map(Config &c, bool must_exist)
-{
-    std::ifstream in(c.selector_map);
-    if (!in) {
-        if (!must_exist && errno == ENOENT) return;
-        throw ConfigError(c.selector_map + ": " + strerror(errno));
-    }
-    std::string line;
-    for (int n = 1; std::getline(in, line); n++) {
-        std::vector<std::string> w = words(line.substr(0, line.find('#')));
-        if (w.empty()) continue;
-        std::string at = c.selector_map + ":" + std::to_string(n) + ": ";
-        if (w.size() < 2 || w.size() > 3)
-            throw ConfigError(at + "expected DOMAIN SELECTOR [SELECTOR2]");
-        std::unique_ptr<char, decltype(&free)> domain(dk_domain_canonical(w[0].c_str()), free);
-        if (!domain) throw ConfigError(at + "'" + w[0] + "' is not a domain name");
-        c.selectors[domain.get()] = selector_list({w.begin() + 1, w.end()}, at);
-    }
 }
 
 std::string joined(const std::vector<std::string> &v)
@@ -209,7 +176,7 @@ Config load(const std::string &path)
     c.path = path;
     bool map_named = false;
     if (path == MILTER_CONF_PATH && access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
-        read_map(c, false);
+        c.selectors = read_selector_map(c.selector_map, false);
         return c;
     }
     std::unique_ptr<conf_table, TableFree> t((conf_table *)calloc(1, sizeof(conf_table)));
@@ -285,7 +252,7 @@ Config load(const std::string &path)
                 "line_length_limit)");
         }
     }
-    read_map(c, map_named);
+    c.selectors = read_selector_map(c.selector_map, map_named);
     return c;
 }
 

@@ -1,7 +1,7 @@
 /*
  * milter_conf - keyseal-milter's settings: /etc/keyseal/milter.conf, read with the
  * project's configuration reader ("name value" lines, '#' comments), and the per-domain
- * selector map ("DOMAIN SELECTOR [SELECTOR2]" lines).
+ * selector map it names (read by selector_map.h).
  *
  * load() fills a Config from the file, defaults where a setting is absent (and all of them
  * when the file at MILTER_CONF_PATH is not there; a file named otherwise must exist); it
@@ -13,6 +13,7 @@
 #ifndef KEYSEAL_MILTER_CONF_H
 #define KEYSEAL_MILTER_CONF_H
 
+#include "milter/selector_map.h"
 #include "net/ip_network.hpp"
 
 #include <stdexcept>
@@ -41,10 +42,6 @@ namespace keyseal_milter
 /* Postfix's smtp_line_length_limit when main.cf does not set it */
 #define POSTFIX_DEFAULT_LINE_LIMIT 998
 
-struct ConfigError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 enum class SigningDomain { ENVELOPE, HEADER };
 /* what becomes of a message with a line longer than line_length_limit */
 enum class LongLines { FOLD, WARN };
@@ -57,8 +54,8 @@ struct Config {
     int timeout = 30;    /* seconds for one message's handler run, a wait for a worker included */
     int workers = MILTER_DEFAULT_WORKERS; /* at most this many worker processes */
     std::string selector_map = MILTER_SELECTOR_MAP_PATH;
-    std::unordered_map<std::string, std::vector<std::string>> selectors; /* domain -> selectors */
-    std::vector<std::string> clients{"127.0.0.0/8", "::1/128"};          /* inet peers allowed */
+    SelectorMap selectors; /* the map file's domains and their selectors */
+    std::vector<std::string> clients{"127.0.0.0/8", "::1/128"}; /* inet peers allowed */
     std::vector<halyx::net::IPAnyNetwork> client_networks;
     std::string pid_file = MILTER_PID_PATH;     /* "" for none */
     std::vector<std::string> headers, oversign; /* the fields signed; signed once more */

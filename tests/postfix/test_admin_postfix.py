@@ -291,3 +291,66 @@ def test_postsuper_requeue_passes_no_milter(lab):
         again = qids(n)[-1]
         lab.log(until=rf"{again}: .*status=sent")
         assert again != first[n] and not re.search(rf"keyseal(-milter)?\[\d+\]: {again}:", lab.log())
+
+
+HOSTED = ("virtual_mailbox_domains = hash:/etc/postfix/vdomains\n"
+          "virtual_alias_domains = alias.example, /etc/postfix/more_domains, !not.example\n"
+          "relay_domains = mysql:/etc/postfix/relay.cf\n"
+          "mydestination = $myhostname, localhost.$mydomain, localhost, local.example\n")
+FILE_200 = "# the hosted domains\nexample.com\n" + "".join(
+    f"D{n}.Example.\n" if n % 50 == 0 else f"d{n}.example  # customer {n}\n\n" for n in range(200)) + "d7.example\n"
+
+
+@pytest.mark.parametrize("case,main_cf,listed,args,made,unlisted", [
+    # a file's names in its order, once each; example.com has its key already
+    ("a file of 200 domains", "", FILE_200, ["--type", "ed25519"],
+     [f"d{n}.example" for n in range(200)], []),
+    # Postfix's lists: a hash table, a name, a file of names; the host's own names left out,
+    # a database table named as one that cannot be listed
+    ("Postfix's domain lists", HOSTED, None, [],
+     ["alias.example", "file1.example", "local.example", "v1.example", "v2.example"],
+     ["relay_domains: mysql:/etc/postfix/relay.cf cannot be listed"]),
+    ("a file with a line that is no domain", "", "ok.example\nbad/name.example\n", [], None, []),
+], ids=["a file of 200 domains", "Postfix's domain lists", "a line that is no domain"])
+def test_keygen_missing_makes_a_key_for_each_domain_without_one(site, tmp_path, case, main_cf, listed,
+                                                                args, made, unlisted):
+    site.postfix_config(main_cf)
+    with open("/etc/postfix/vdomains", "w") as f:
+        f.write("v1.example OK\nV2.Example OK\n")
+    subprocess.run(["postmap", "hash:/etc/postfix/vdomains"], check=True)
+    with open("/etc/postfix/more_domains", "w") as f:
+        f.write("file1.example  # moved here in May\n")
+    before = set(os.listdir("/etc/domainkeys"))
+    files = []
+    if listed is not None:
+        (tmp_path / "domains").write_text(listed)
+        files = [str(tmp_path / "domains")]
+    try:
+        if made is None:
+            r = site.admin("keygen", "--missing", *files, check=False)
+            assert (r.returncode, r.stderr) == (2, f"keyseal-admin keygen: {files[0]}:2: invalid domain "
+                                                   "'bad/name.example': not a host name (letters, digits, "
+                                                   "hyphens and dots) or an address literal such as "
+                                                   "[192.0.2.1]\n")
+            assert set(os.listdir("/etc/domainkeys")) == before
+            return
+        check_all = lambda: site.admin("check", "--all", check=False).stdout
+        hosted = check_all() if listed is None else ""
+        for d in made if listed is None else []:
+            assert f"warning: {d}: hosted here" in hosted
+        r = site.admin("keygen", "--missing", *files, *args)
+        assert sorted(set(os.listdir("/etc/domainkeys")) - before) == sorted(made)
+        # each record printed is the one its key has
+        assert r.stdout == "".join(site.admin("dns", d).stdout for d in made)
+        for line in unlisted:
+            assert f"warning: {line}" in r.stderr
+        total = len(made) + (listed is not None)  # the file's example.com has its key
+        assert r.stderr.endswith(f"{len(made)} of {total} domains had no key: {len(made)} made; "
+                                 f"publish the {len(made)} records printed\n"), r.stderr
+        again = site.admin("keygen", "--missing", *files, *args)
+        assert (again.stdout, again.stderr.splitlines()[-1]) == ("", f"0 of {total} domains had no key: 0 made")
+        if listed is None:
+            assert "hosted here" not in check_all()
+    finally:
+        for d in set(os.listdir("/etc/domainkeys")) - before:
+            subprocess.run(["rm", "-r", "/etc/domainkeys/" + d], check=True)

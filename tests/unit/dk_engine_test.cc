@@ -2,7 +2,7 @@
 // cuts and keeps, numbered as a milter addresses them (any letter case, 1 = first).
 // The messages' bytes after the walk are the end-to-end suite's; this is what explain
 // and keyseal-milter are told.  Runs inside the test sandbox (private spool, no keys).
-#include "admin/admin.h"
+#include "admin/keys.h"
 #include "dkim/dk_engine.h"
 #include "test_util.h"
 #include "util/halyx_log.h"

@@ -1,6 +1,6 @@
 // The signer at byte level.  That its signatures verify is shown end to end, where
 // every output of the real binary goes through dkimpy.
-#include "admin/admin.h"
+#include "admin/keys.h"
 #include "dkim/dk_sign.h"
 #include "milter/milter_conf.h"
 

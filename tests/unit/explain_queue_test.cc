@@ -1,6 +1,6 @@
 // explain --queue-id on log lines the Postfix lab does not easily produce: each of
 // keyseal-milter's own outcomes, and a message the milter never saw.
-#include "admin/admin.h"
+#include "admin/explain_queue.h"
 
 #include <gtest/gtest.h>
 
