@@ -214,9 +214,9 @@ void signed_rule(std::string &out, const Story &st)
                 st.long_line[0].c_str(), st.long_line[1].c_str(), st.long_line[2].c_str());
     if (st.folded.size() == 3)
         appendf(out,
-                "note: %s lines longer than Postfix's SMTP line limit of %s were folded before "
-                "signing as Postfix's SMTP client folds them (the first: %s): receivers get the "
-                "bytes Postfix alone would send, with a signature that verifies\n",
+                "note: long lines folded before signing, as Postfix's SMTP client folds them: "
+                "%s longer than its line limit of %s, the first %s; receivers get the bytes "
+                "Postfix alone would send, with a signature that verifies\n",
                 st.folded[0].c_str(), st.folded[1].c_str(), st.folded[2].c_str());
 }
 

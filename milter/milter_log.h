@@ -35,8 +35,8 @@
     "will break it after signing and the signature will not verify at the receiver"
 /* queue id, how many lines, the limit, the first of them as above */
 #define MILTER_LOG_FOLDED                                                                          \
-    "%s: folded %d lines longer than %d characters as Postfix's SMTP client would, before "        \
-    "signing (the first: %s)"
+    "%s: lines folded as Postfix's SMTP client would, before signing: %d longer than %d "          \
+    "characters, the first %s"
 /* the peer's address */
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
 /* the descriptor */
