@@ -6,6 +6,7 @@
 
 #include "admin/access.h"
 #include "admin/dns.h"
+#include "admin/dns_update.h"
 #include "admin/hosted.h"
 #include "admin/keys.h"
 #include "admin/names.h"
@@ -121,6 +122,7 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
         Findings report;
         check_key(domain, selector, ns, user, report);
         if (user != nullptr) user->check_files(report);
+        check_dns_conf(report);
         return report.exit_status();
     }
     auto found = all_keys();
@@ -146,6 +148,7 @@ int cmd_check(std::string domain, const std::string &selector, const Nameservers
             summary.ok(name);
     }
     if (user != nullptr) user->check_files(summary);
+    check_dns_conf(summary);
     check_hosted(found, summary);
     printf("%zu key%s checked, %zu with problems\n", found.size(), found.size() == 1 ? "" : "s",
            bad);

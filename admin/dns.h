@@ -1,7 +1,8 @@
 /*
- * dns - the DNS questions keyseal-admin asks: the TXT records at a name, the authoritative
- * servers of the zone around a domain, and the DKIM library's own key lookups, all through
- * one stub resolver that asks the nameservers given (--nameserver) or the system's.
+ * dns - the DNS questions keyseal-admin asks: the TXT records at a name and the authoritative
+ * servers of the zone around a domain (through ldns, beside the updates of dns_update.h), and
+ * the DKIM library's own key lookups (through the stub resolver), each asking the nameservers
+ * given (--nameserver) or the system's.
  *
  * Lookups throw Problem when the resolver cannot start or a question gets no answer;
  * parse_nameservers throws Usage.  Results are values; DkimLibrary owns its library

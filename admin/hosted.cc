@@ -1,5 +1,6 @@
 #include "admin/hosted.h"
 
+#include "admin/dns_update.h"
 #include "admin/keys.h"
 #include "admin/names.h"
 #include "admin/postfix_conf.h"
@@ -75,13 +76,6 @@ bool names_of(const std::string &item, std::vector<std::string> &names, std::str
     for (const auto &r : rules)
         names.push_back(r.key);
     return true;
-}
-
-/* publish_record - the new key's record put into its zone by keyseal-admin itself: false
- * when the zone is not one it can update, for the record to be printed.  No zone is yet. */
-bool publish_record(const std::string &, const std::string &, EVP_PKEY *)
-{
-    return false;
 }
 
 /* domains_of_file - file's domains, canonical, in their order and once each; Usage naming
@@ -186,34 +180,61 @@ int cmd_keygen_missing(const std::string &file, const std::string &selector,
     keyseal_milter::Config milter;
     if (selector.empty() && milter_installed()) milter = milter_config();
 
-    size_t made = 0, printed = 0, failed = 0;
+    /* the records of zones keyseal-admin can update go out together, one UPDATE per zone,
+     * after every key is written; the others are printed for the administrator */
+    DnsConf dns = load_dns_conf();
+    struct Made {
+        std::string domain, selector, written;
+        Pkey key;
+        bool updatable;
+    };
+    std::vector<Made> keys;
+    std::vector<TxtRecord> publish;
+    size_t made = 0, printed = 0, failed = 0, refused = 0;
     for (const auto &d : domains) {
         if (keyed.count(d) != 0) continue;
         std::string sel = !selector.empty() ? selector : milter.selectors_for(d).front();
-        std::string written;
-        Pkey key;
+        Made m{d, sel, "", nullptr, false};
         try {
-            key = new_key(d, sel, type, bits, gid, false, written);
+            m.key = new_key(d, sel, type, bits, gid, false, m.written);
         } catch (const Problem &e) {
             fprintf(stderr, "error: %s: %s\n", d.c_str(), e.what());
             failed++;
             continue;
         }
         made++;
-        if (publish_record(d, sel, key.get())) {
-            fprintf(stderr, "wrote %s; published its record\n", written.c_str());
+        TxtRecord r = dkim_record(d, sel, m.key.get());
+        m.updatable = dns.zone_for(r.name) != nullptr;
+        if (m.updatable) publish.push_back(r);
+        keys.push_back(std::move(m));
+    }
+    std::map<std::string, NameResult> outcome;
+    if (!publish.empty())
+        for (const auto &u : update_all(dns, publish, {}, false))
+            for (const auto &n : u.names)
+                outcome[n.name] = n;
+    for (const auto &m : keys) {
+        auto o = outcome.find(dkim_record(m.domain, m.selector, m.key.get()).name);
+        if (o != outcome.end() && o->second.change != Change::NOT_DONE) {
+            fprintf(stderr, "wrote %s; published its record\n", m.written.c_str());
             continue;
         }
-        fprintf(stderr, "wrote %s\n", written.c_str());
-        fputs(dns_record(d, sel, key.get()).c_str(), stdout);
+        fprintf(stderr, "wrote %s\n", m.written.c_str());
+        if (o != outcome.end()) {
+            fprintf(stderr, "error: %s: not published: %s\n", m.domain.c_str(),
+                    o->second.text.c_str());
+            refused++;
+        }
+        fputs(dns_record(m.domain, m.selector, m.key.get()).c_str(), stdout);
         printed++;
     }
     if (made > 0 && type == "ed25519") fprintf(stderr, "note: %s\n", ED25519_NOTE);
     fprintf(stderr, "%zu of %zu domains had no key: %zu made", made + failed, domains.size(), made);
     if (failed > 0) fprintf(stderr, ", %zu failed", failed);
+    if (refused > 0) fprintf(stderr, ", %zu records not published", refused);
     if (printed > 0) fprintf(stderr, "; publish the %zu records printed", printed);
     fprintf(stderr, "\n");
-    return failed > 0 ? EXIT_PROBLEM : EXIT_OK;
+    return failed > 0 || refused > 0 ? EXIT_PROBLEM : EXIT_OK;
 }
 
 } // namespace keyseal_admin

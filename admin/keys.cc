@@ -3,6 +3,7 @@
 #include "admin/files.h"
 #include "admin/names.h"
 #include "milter/milter_conf.h"
+#include "admin/dns_update.h"
 
 #include "dkim/dk_key.h"
 
@@ -24,7 +25,7 @@ namespace keyseal_admin
 namespace
 {
 
-enum { DNS_STRING_MAX = 255, MIN_BITS = 1024, GOOD_BITS = 2048 };
+enum { MIN_BITS = 1024, GOOD_BITS = 2048 };
 
 /* no_passphrase - a protected key must fail here, as it fails in the handler */
 int no_passphrase(char *, int, int, void *)
@@ -228,13 +229,17 @@ std::string key_pem(EVP_PKEY *key)
 
 std::string dns_record(const std::string &domain, const std::string &selector, EVP_PKEY *key)
 {
-    std::string head = "v=DKIM1; k=" + key_type(key) + "; ", value = "p=" + public_key_base64(key);
-    std::string out = selector + "._domainkey." + domain + ". IN TXT ( \"" + head + "\"";
-    for (size_t at = 0; at < value.size(); at += DNS_STRING_MAX)
-        out += "\n\t\"" + value.substr(at, DNS_STRING_MAX) + "\"";
+    /* the strings an update publishes, so that what is printed and published are one */
+    auto strings = dkim_record_strings(key);
+    std::string out = selector + "._domainkey." + domain + ". IN TXT ( \"" + strings[0] + "\"";
+    std::string whole = strings[0];
+    for (size_t i = 1; i < strings.size(); i++) {
+        out += "\n\t\"" + strings[i] + "\"";
+        whole += strings[i];
+    }
     out += " )\n";
     out += "; the same value as one string, for web-based DNS editors:\n";
-    out += "; " + head + value + "\n";
+    out += "; " + whole + "\n";
     return out;
 }
 

@@ -6,6 +6,7 @@
 #include "admin/access.h"
 #include "admin/check.h"
 #include "admin/dns.h"
+#include "admin/dns_update.h"
 #include "admin/explain.h"
 #include "admin/explain_queue.h"
 #include "admin/hosted.h"
@@ -89,6 +90,23 @@ int main(int argc, char **argv)
                      "lists, or of a FILE (one a line) named in place of DOMAIN");
     auto *dns = app.add_subcommand("dns", "print the DNS record of an existing key");
     domain_arg(dns);
+    /* DOMAIN is checked below: "dns publish DOMAIN" gives it to the subcommand instead */
+    dns->get_option("DOMAIN")->required(false);
+    int wait_seconds = 300;
+    std::string dns_selector = DK_DEFAULT_SELECTOR;
+    auto *publish = dns->add_subcommand(
+        "publish", "publish the key's record by DNS UPDATE and wait until every server serves it");
+    auto *withdraw = dns->add_subcommand(
+        "withdraw",
+        "withdraw a selector's record by DNS UPDATE and wait until no server serves it");
+    for (auto *c : {publish, withdraw}) {
+        c->add_option("DOMAIN", domain, "the signing domain")->required();
+        c->add_option("SELECTOR", dns_selector, "the selector")->required(c == withdraw);
+        c->add_option("--wait", wait_seconds, "seconds to wait for every authoritative server")
+            ->check(CLI::NonNegativeNumber)
+            ->capture_default_str();
+    }
+    publish->add_flag("--force", force, "replace a record that holds another key");
     auto *check = app.add_subcommand("check", "check the key file and its published record");
     domain_arg(check);
     check->get_option("DOMAIN")->required(false);
@@ -177,7 +195,8 @@ int main(int argc, char **argv)
     CLI::App *level = &app;
     for (int i = 1; i < argc && level != nullptr && argv[i][0] != '-'; i++) {
         auto known = level->get_subcommands([](CLI::App *) { return true; });
-        if (known.empty()) break;
+        /* a command with optional subcommands ("dns DOMAIN") takes other words as arguments */
+        if (known.empty() || level->get_require_subcommand_min() == 0) break;
         CLI::App *next = nullptr;
         std::string names;
         for (auto *c : known) {
@@ -201,7 +220,8 @@ int main(int argc, char **argv)
 
     CLI::App *command = app.get_subcommands().front();
     std::string name = command->get_name();
-    if (name == "whitelist" || name == "postfix" || name == "rotate")
+    if (name == "whitelist" || name == "postfix" || name == "rotate" ||
+        (name == "dns" && !command->get_subcommands().empty()))
         name += " " + command->get_subcommands().front()->get_name();
     try {
         const char *ed25519_bits = "--bits is for RSA keys; an Ed25519 key has one size";
@@ -221,7 +241,13 @@ int main(int argc, char **argv)
             if (type != "rsa" && keygen->count("--bits") > 0) throw Usage(ed25519_bits);
             return cmd_keygen(domain, selector, type, bits, group, force);
         }
-        if (name == "dns") return cmd_dns(domain, selector);
+        if (name == "dns publish")
+            return cmd_dns_publish(domain, dns_selector, force, wait_seconds);
+        if (name == "dns withdraw") return cmd_dns_withdraw(domain, dns_selector, wait_seconds);
+        if (name == "dns") {
+            if (domain.empty()) throw Usage("name a DOMAIN (or: dns publish, dns withdraw)");
+            return cmd_dns(domain, selector);
+        }
         if (name == "whitelist list") return cmd_whitelist_list();
         if (name == "whitelist lint") return cmd_whitelist_lint();
         if (name == "whitelist add") return cmd_whitelist_add(network);

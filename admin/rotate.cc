@@ -14,6 +14,7 @@
 #include "admin/rotate.h"
 
 #include "admin/dns.h"
+#include "admin/dns_update.h"
 #include "admin/files.h"
 #include "admin/keys.h"
 #include "admin/names.h"
@@ -250,23 +251,6 @@ void print_next(const State &s)
                s.new_selector.c_str(), s.domain.c_str());
 }
 
-/* served - what one server answers for the new record: "" when it is the new key */
-std::string served(const std::string &name, const std::string &ip, EVP_PKEY *key)
-{
-    std::vector<std::string> records;
-    try {
-        records = lookup_txt(name, {ip});
-    } catch (const Problem &) {
-        return "did not answer";
-    }
-    if (records.empty()) return "has no TXT record there";
-    if (records.size() > 1) return "answers " + std::to_string(records.size()) + " TXT records";
-    auto t = record_tags(records[0]);
-    std::string k = t.count("k") ? t["k"] : "rsa";
-    if (k != key_type(key)) return "answers k=" + k;
-    return record_matches(t["p"], key) ? "" : "answers another key";
-}
-
 } // namespace
 
 int cmd_rotate_start(std::string domain, const std::string &type, std::string selector,
@@ -372,24 +356,10 @@ int cmd_rotate_switch(std::string domain, const Nameservers &given, bool force)
                       s.new_selector);
 
     std::string name = s.new_selector + "._domainkey." + domain, zone;
-    std::vector<NameServer> servers;
-    if (given.empty())
-        servers = authoritative_servers(domain, zone);
-    else
-        for (const auto &ip : given)
-            servers.push_back({ip, ip});
+    /* the one gate of publish and switch, asked once: switch never waits by itself */
     Findings report;
-    std::string stale;
-    for (const auto &ns : servers) {
-        std::string who = ns.ip + (ns.host != ns.ip ? " (" + ns.host + ")" : "");
-        std::string why = ns.ip.empty() ? "has no IPv4 address" : served(name, ns.ip, key.get());
-        if (why.empty()) {
-            report.ok(who + " serves the new key at " + name);
-        } else {
-            report.error(who + " " + why);
-            stale += (stale.empty() ? "" : ", ") + who + " " + why;
-        }
-    }
+    auto servers = wait_served(name, key.get(), zone_servers(domain, given, zone), 0, report);
+    std::string stale = lagging(servers);
     if (!stale.empty() && !force)
         throw Problem("not switched: not every nameserver" +
                       (zone.empty() ? std::string() : " of the zone " + zone) +
