@@ -33,6 +33,8 @@ struct Story {
     bool strict = false, permanent = false, null_sender = false;
     std::vector<std::string> misaligned; /* d=, From: domain */
     std::string alignment;               /* another line on the From: header */
+    std::vector<std::string> long_line;  /* warned of: the line, its length, the limit */
+    std::vector<std::string> folded;     /* how many lines, the limit, the first */
 };
 
 /* appendf - printf onto out */
@@ -90,6 +92,10 @@ void add(Story &st, const std::string &id, std::string_view raw, time_t now)
             st.not_signed = v[0], st.permanent = true;
         } else if (milter_line(MILTER_LOG_MISALIGNED, rest, v)) {
             st.misaligned = v;
+        } else if (milter_line(MILTER_LOG_LONG_LINE, rest, v)) {
+            st.long_line = v;
+        } else if (milter_line(MILTER_LOG_FOLDED, rest, v)) {
+            st.folded = v;
         } else if (milter_line(MILTER_LOG_NO_FROM, rest, v) ||
                    milter_line(MILTER_LOG_MANY_FROM, rest, v)) {
             st.alignment = rest;
@@ -199,6 +205,19 @@ void signed_rule(std::string &out, const Story &st)
                 st.misaligned[1].c_str());
     else if (!st.alignment.empty())
         appendf(out, "note: %s\n", st.alignment.c_str());
+    if (st.long_line.size() == 3)
+        appendf(out,
+                "note: %s is %s characters long, more than Postfix's SMTP line limit of %s: "
+                "Postfix broke it after signing, so receivers could not verify the signature; "
+                "set long_lines fold in /etc/keyseal/milter.conf to fold such lines before "
+                "signing, as Postfix folds them\n",
+                st.long_line[0].c_str(), st.long_line[1].c_str(), st.long_line[2].c_str());
+    if (st.folded.size() == 3)
+        appendf(out,
+                "note: long lines folded before signing, as Postfix's SMTP client folds them: "
+                "%s longer than its line limit of %s, the first %s; receivers get the bytes "
+                "Postfix alone would send, with a signature that verifies\n",
+                st.folded[0].c_str(), st.folded[1].c_str(), st.folded[2].c_str());
 }
 
 /* tell - the story's lines, the verdict, the rule and what would change it */

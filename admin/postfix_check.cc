@@ -332,10 +332,32 @@ void check_rewrites(const keyseal_milter::Config &c, Master &m, Findings &report
 void check_line_limits(const keyseal_milter::Config &c, Master &m, Findings &report)
 {
     const int longest = signed_line_limit(c);
+    const bool folds = c.long_lines == keyseal_milter::LongLines::FOLD;
     for (const std::string client : {"smtp", "lmtp"}) {
         std::string name = client + "_line_length_limit";
         for (const auto &[service, value] : m.places(name)) {
             long limit = strtol(value.c_str(), nullptr, 10);
+            /* folding to another limit than Postfix's: its client breaks what is left
+             * longer after signing, or lines are folded that Postfix would have sent whole */
+            if (folds && limit != longest) {
+                bool breaks = limit > 0 && (longest == 0 || limit < longest);
+                /* the limit is recorded from the SMTP client's: the LMTP client's matters
+                 * only where it breaks what keyseal-milter left */
+                if (!breaks && client == "lmtp") continue;
+                std::string text =
+                    where(service, name, value) + ": Postfix's " +
+                    (client == "smtp" ? "SMTP" : "LMTP") + " client breaks " +
+                    (limit > 0 ? "lines longer than " + value + " characters" : "no line") +
+                    ", keyseal-milter folds " +
+                    (longest > 0 ? "lines longer than " + std::to_string(longest) : "none") +
+                    " (line_length_limit in " + c.path + ")" +
+                    (breaks ? ", so that receivers cannot verify the signature of a message with "
+                              "a line between the two"
+                            : ": lines are folded that Postfix would send whole") +
+                    "; fix: keyseal-admin postfix setup records smtp_line_length_limit";
+                breaks ? report.error(text) : report.warning(text);
+                continue;
+            }
             if (limit <= 0 || limit >= longest) continue;
             report.error(where(service, name, value) + ": Postfix's " +
                          (client == "smtp" ? "SMTP" : "LMTP") +

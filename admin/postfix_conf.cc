@@ -283,9 +283,9 @@ bool table_rules(std::string table, std::vector<Rule> &rules, std::string &why)
     return true;
 }
 
-int signed_line_limit(const keyseal_milter::Config &)
+int signed_line_limit(const keyseal_milter::Config &c)
 {
-    return 998;
+    return c.long_lines == keyseal_milter::LongLines::FOLD ? c.line_length_limit : 998;
 }
 
 } // namespace keyseal_admin

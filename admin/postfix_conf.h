@@ -86,8 +86,8 @@ struct Rule {
 bool table_rules(std::string table, std::vector<Rule> &rules, std::string &why);
 
 /* signed_line_limit - the longest line keyseal-milter leaves as it is in a message it signs:
- * it folds none, so any line mail may carry (998 characters); when it folds lines, the
- * length it folds to */
+ * with long_lines fold, the limit recorded from Postfix that it folds to (0: it folds
+ * none); with warn, it folds none, so any line mail may carry (998 characters) */
 int signed_line_limit(const keyseal_milter::Config &c);
 
 } // namespace keyseal_admin

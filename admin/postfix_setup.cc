@@ -1,6 +1,7 @@
 #include "admin/postfix_setup.h"
 
 #include "admin/files.h"
+#include "admin/line_limit.h"
 #include "admin/postfix_conf.h"
 #include "admin/run.h"
 
@@ -245,6 +246,7 @@ int cmd_postfix_setup()
     change("disable_mime_output_conversion", "yes", "disable_mime_output_conversion = ", "");
     change(CLEANUP_MARK, MILTER_LOCAL_MARK, "master.cf cleanup -o milter_macro_daemon_name=",
            " (marks mail submitted with sendmail)");
+    lines.push_back(record_line_limit(MILTER_CONF_PATH, postconf_value("smtp_line_length_limit")));
 
     std::vector<std::string> kept = copy_configuration(dir);
     write_record(record_path(), record); /* first: remove must know what setup wrote */

@@ -170,6 +170,10 @@ void Tally::add_milter(const Line &line)
     std::vector<std::string> v;
     if (milter_line(MILTER_LOG_NULL_SENDER, line.text, v)) {
         sum_.null_senders++;
+    } else if (milter_line(MILTER_LOG_FOLDED, line.text, v)) {
+        sum_.folded++;
+    } else if (milter_line(MILTER_LOG_LONG_LINE, line.text, v)) {
+        sum_.warned++;
     } else if (milter_line(MILTER_LOG_MISALIGNED, line.text, v) && v.size() == 2) {
         misaligned_[{v[0], v[1]}]++;
     } else if (milter_line(MILTER_LOG_NOT_SIGNED, line.text, v) ||
@@ -329,6 +333,7 @@ nlohmann::ordered_json render_json(const Summary &s)
     j["skipped_without_address"] = s.without_address;
     j["skipped_loopback"] = s.loopback;
     j["null_senders"] = s.null_senders;
+    j["long_lines"] = {{"folded", s.folded}, {"warned", s.warned}};
     j["misaligned"] = nlohmann::ordered_json::array();
     for (const auto &m : s.misaligned)
         j["misaligned"].push_back({{"d", m.d}, {"from", m.from}, {"count", m.count}});
@@ -397,6 +402,15 @@ std::string render_text(const Summary &s, bool utf8)
         line(buf);
     }
     if (s.misaligned.empty()) line("      none");
+    line("");
+    line("messages with lines longer than Postfix's SMTP line limit:");
+    snprintf(buf, sizeof(buf), "%7ld  folded before signing, as Postfix folds them", s.folded);
+    line(buf);
+    snprintf(buf, sizeof(buf),
+             "%7ld  left long (long_lines warn): Postfix broke them after signing, their "
+             "signatures fail",
+             s.warned);
+    line(buf);
     line("");
     const char *marks[3] = {utf8 ? "\u2588" : "#", utf8 ? "\u2592" : "+", utf8 ? "\u2591" : "!"};
     line(std::string("runs per hour (") + marks[0] + " signed  " + marks[1] + " skipped  " +

@@ -83,6 +83,8 @@ struct Summary {
     long without_address = 0; /* skipped runs without a client address (TCPREMOTEIP unset) */
     long loopback = 0;        /* skipped runs of SMTP clients at loopback addresses */
     long null_senders = 0;    /* bounces keyseal-milter did not give the handler */
+    long folded = 0;          /* messages whose long lines keyseal-milter folded */
+    long warned = 0;          /* messages signed with a line Postfix breaks after signing */
     struct Misaligned {
         std::string d, from; /* the signing domain, the From: header's domain */
         long count = 0;

@@ -5,8 +5,9 @@ Content-Type) from smtp-source through a real Postfix to smtp-sink, with no milt
 two peers run here only to be measured against (Debian's opendkim milter, and Debian's
 rspamd signing only, its proxy worker in milter mode in front of one normal worker) and
 with keyseal-milter in five settings: RSA alone with the default header set, RSA signing
-only From, To and Subject, Ed25519 alone, RSA and Ed25519 together, and RSA with a selector
-map of 100,000 domains.  All RSA rows sign with the same 2048-bit key.  Runs alternate
+only From, To and Subject, Ed25519 alone, RSA and Ed25519 together, RSA with a selector
+map of 100,000 domains, and RSA on the same message with a 2,000-octet body line added, which
+keyseal-milter folds before signing as Postfix's SMTP client would (long_lines fold).  All RSA rows sign with the same 2048-bit key.  Runs alternate
 between the rows, three rounds; medians side by side with the ratios.  keyseal-milter
 changes settings by a reload (SIGHUP), as an administrator's would, and serves /metrics,
 read once a second during its rows as a Prometheus server would read it.  Then the
@@ -116,6 +117,7 @@ worker "rspamd_proxy" {{
 RSA, ED = "rsa-sha256", "ed25519-sha256"
 KEYSEAL = "unix:/keyseal/milter.sock"
 METRICS = "127.0.0.1:9901"  # keyseal-milter's /metrics, scraped as a Prometheus server would
+LONG = "long@example.com"  # the sender of the message with a long line
 ROWS = [
     ("no milter", "", None, "ann@example.com", []),
     ("opendkim", "unix:/opendkim/opendkim.sock", None, "ann@example.com", [RSA]),
@@ -125,6 +127,7 @@ ROWS = [
     ("keyseal Ed25519", KEYSEAL, "selector ed1\n", "ann@example.com", [ED]),
     ("keyseal RSA+Ed25519", KEYSEAL, "selector default ed1\n", "ann@example.com", [RSA, ED]),
     ("keyseal 100k domains", KEYSEAL, f"selector_map {BIG_MAP}\n", f"ann@d{DOMAINS // 2}.example", [RSA]),
+    ("keyseal RSA long line", KEYSEAL, "", LONG, [RSA]),
 ]
 
 
@@ -261,11 +264,13 @@ class Bench:
 
     def message(self, sender):
         """A file with the 2 KB message the first part of the benchmark signs, its From:
-        the envelope sender (an unaligned one would add a warning line per message)."""
+        the envelope sender (an unaligned one would add a warning line per message); LONG's
+        with a 2,000-octet line at the end of its body, longer than Postfix's SMTP line limit."""
         path = os.path.join(self.root, sender + ".eml")
         if not os.path.exists(path):
             with open(path, "wb") as f:
-                f.write(run.message(SIZE).replace(b"ann@example.com", sender.encode()))
+                data = run.message(SIZE).replace(b"ann@example.com", sender.encode())
+                f.write(data + (b"x" * 2000 + b"\n" if sender == LONG else b""))
         return path
 
     def messages(self, offset):
@@ -492,6 +497,9 @@ def report(b, results, where, check, k, o, rsa_ms):
               "signing ms/msg: CPU per message over the no-milter row's; x RSA: that over keyseal RSA's;",
               "milter ms/msg: the milter's own processes' CPU per message (rspamd: its proxy and worker);",
               "signed: messages that reached smtp-sink with the row's signatures (RSA, Ed25519 or both);",
+              "long line: keyseal RSA's message with a 2,000-octet body line, folded before signing "
+              f"(long_lines fold): {rate['keyseal RSA long line'] / rate['keyseal RSA']:.2f}x keyseal RSA's msgs/s, "
+              f"the milter's own CPU {per(own['keyseal RSA long line'], own['keyseal RSA']):.2f}x;",
               f"CPU: the whole machine's; {where}",
               f"peers: Debian's opendkim {version('opendkim')} and rspamd {version('rspamd')}"]
     parts = [statistics.median(run[i] for run in b.parts["keyseal RSA"]) * 1000 for i in range(3)]

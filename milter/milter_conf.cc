@@ -163,7 +163,9 @@ std::string Config::settings() const
         << "\nheaders " << joined(headers) << "\noversign "
         << (oversign.empty() ? "none" : joined(oversign)) << "\nselector_map " << selector_map
         << "\nmetrics " << (metrics.empty() ? "none" : metrics) << "\nmetrics_per_domain "
-        << (metrics_per_domain ? "yes" : "no") << "\n";
+        << (metrics_per_domain ? "yes" : "no") << "\nlong_lines "
+        << (long_lines == LongLines::FOLD ? "fold" : "warn") << "\nline_length_limit "
+        << line_length_limit << "\n";
     out << "# " << selectors.size() << " domains in the selector map\n";
     if (selectors.size() <= 20)
         for (const auto &[domain, sel] :
@@ -248,11 +250,22 @@ Config load(const std::string &path)
         } else if (name == "metrics_per_domain") {
             if (!flag(value, c.metrics_per_domain))
                 throw ConfigError(at + "metrics_per_domain takes yes or no");
+        } else if (name == "long_lines") {
+            if (value != "fold" && value != "warn")
+                throw ConfigError(at + "long_lines takes fold or warn");
+            c.long_lines = value == "fold" ? LongLines::FOLD : LongLines::WARN;
+        } else if (name == "line_length_limit") {
+            /* a limit of 1 would leave a continuation line no room after its space */
+            if (!whole || number < 0 || number == 1 || number > 1000000000)
+                throw ConfigError(at + "line_length_limit takes 0 (no limit) or a number of "
+                                       "characters from 2");
+            c.line_length_limit = (int)number;
         } else {
-            throw ConfigError(at + "unknown setting '" + name +
-                              "' (socket, clients, selector, strict, timeout, workers, "
-                              "selector_map, pid_file, headers, oversign, signing_domain, "
-                              "metrics, metrics_per_domain)");
+            throw ConfigError(
+                at + "unknown setting '" + name +
+                "' (socket, clients, selector, strict, timeout, workers, "
+                "selector_map, pid_file, headers, oversign, signing_domain, long_lines, "
+                "line_length_limit, metrics, metrics_per_domain)");
         }
     }
     c.selectors = read_selector_map(c.selector_map, map_named);

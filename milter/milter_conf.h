@@ -40,8 +40,12 @@ namespace keyseal_milter
 /* Postfix's default_process_limit: as many messages as its smtpd and cleanup processes
  * can have in flight, with room to spare; an idle worker costs little (shared pages) */
 #define MILTER_DEFAULT_WORKERS 100
+/* Postfix's smtp_line_length_limit when main.cf does not set it */
+#define POSTFIX_DEFAULT_LINE_LIMIT 998
 
 enum class SigningDomain { ENVELOPE, HEADER };
+/* what becomes of a message with a line longer than line_length_limit */
+enum class LongLines { FOLD, WARN };
 
 struct Config {
     std::string path = MILTER_CONF_PATH;
@@ -59,6 +63,9 @@ struct Config {
     SigningDomain signing_domain = SigningDomain::ENVELOPE;
     std::string metrics;             /* ADDRESS:PORT of /metrics, "" for none (milter/metrics.h) */
     bool metrics_per_domain = false; /* a series per sender domain: opt-in, as they cost */
+    LongLines long_lines = LongLines::FOLD;
+    /* Postfix's smtp_line_length_limit as keyseal-admin postfix setup recorded it; 0: none */
+    int line_length_limit = POSTFIX_DEFAULT_LINE_LIMIT;
 
     Config();
     /* selectors_for - the domain's selectors from the map, else the default ones */

@@ -29,6 +29,14 @@
 #define MILTER_LOG_MISALIGNED "%s: signed d=%s but From: is %s: DMARC will not align"
 #define MILTER_LOG_NO_FROM "%s: signed d=%s but the message has no From: address"
 #define MILTER_LOG_MANY_FROM "%s: signed d=%s but the message has %d From: addresses"
+/* queue id, the first long line ("header NAME:" or "body line N"), its length, the limit */
+#define MILTER_LOG_LONG_LINE                                                                       \
+    "%s: warning: %s is %d characters long, more than Postfix's SMTP line limit of %d: Postfix "   \
+    "will break it after signing and the signature will not verify at the receiver"
+/* queue id, how many lines, the limit, the first of them as above */
+#define MILTER_LOG_FOLDED                                                                          \
+    "%s: lines folded as Postfix's SMTP client would, before signing: %d longer than %d "          \
+    "characters, the first %s"
 /* the peer's address */
 #define MILTER_LOG_REFUSED "refused a connection from %s: not among clients"
 /* the descriptor */

@@ -4,6 +4,7 @@
 #include "milter/client_filter.h"
 #include "milter/helper.h"
 #include "milter/job.h"
+#include "milter/long_lines.h"
 #include "milter/metrics.h"
 #include "milter/milter_log.h"
 #include "milter/supervisor.h"
@@ -24,6 +25,7 @@
 #include <memory>
 #include <strings.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -49,6 +51,9 @@ constexpr unsigned long NOT_SENT = SMFIP_NOHELO | SMFIP_NOUNKNOWN | SMFIP_NODATA
  * so that a large message costs no more memory than this. */
 constexpr size_t IN_MEMORY_MAX = 64 * 1024;
 
+/* A folded body goes back to the mail server in pieces of the protocol's chunk size */
+constexpr size_t BODY_PIECE = 65535;
+
 struct Session {
     unsigned long no_reply = 0; /* the NO_REPLY stages this server agreed to */
     std::string client;         /* the SMTP client's address, "" when unknown */
@@ -66,6 +71,7 @@ struct Session {
     int fd = -1;                         /* ... or in this disk file */
     int write_errno = 0;                 /* not 0: the message could not be kept, for this reason */
     std::string unsignable;              /* why a signature of this message could never verify */
+    LineMeter head, body;                /* the longest header and body lines */
 
     void reset_message()
     {
@@ -75,6 +81,7 @@ struct Session {
         kept.clear();
         write_errno = 0;
         unsignable.clear();
+        head = body = LineMeter();
         not_host = false;
         config.reset();
         sender.clear(), domain.clear(), auth.clear(), queue_id.clear(), rcpts.clear();
@@ -163,7 +170,8 @@ sfsistat on_negotiate(SMFICTX *ctx, unsigned long f0, unsigned long f1, unsigned
                       unsigned long, unsigned long *pf0, unsigned long *pf1, unsigned long *pf2,
                       unsigned long *pf3)
 {
-    *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS);
+    /* the body is replaced only to fold its long lines */
+    *pf0 = f0 & (SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CHGBODY);
     /* header values exactly as they stand, leading space included: the handler signs
      * what the receiver will see */
     *pf1 = f1 & (SMFIP_HDR_LEADSPC | SMFIP_SKIP | NOT_SENT);
@@ -246,6 +254,7 @@ sfsistat on_header(SMFICTX *ctx, char *name, char *value)
     }
     line += "\r\n";
     append(s, line.data(), line.size());
+    if (s->config->line_length_limit > 0) s->head.feed(line.data(), line.size());
     /* the mail server numbers a header among those of its name, in any letter case */
     if (strcasecmp(name, "DKIM-Signature") == 0) s->signatures.push_back(line);
     if (strcasecmp(name, "From") == 0)
@@ -274,6 +283,9 @@ sfsistat on_body(SMFICTX *ctx, unsigned char *chunk, size_t length)
     Session *s = session(ctx);
     if (s == nullptr) return SMFIS_CONTINUE;
     append(s, (const char *)chunk, length);
+    /* a line longer than Postfix's SMTP line limit: seen here, at no cost but a scan for
+     * line ends, so that only such a message is read again at its end */
+    if (s->keep && s->config->line_length_limit > 0) s->body.feed((const char *)chunk, length);
     return s->go(SMFIP_NR_BODY);
 }
 
@@ -327,6 +339,90 @@ void check_alignment(const Session &s, const std::string &id, const std::string 
     }
 }
 
+/* whole_message - the kept message read back from its file; false with errno */
+bool whole_message(const Session &s, std::string &out)
+{
+    struct stat st;
+    if (fstat(s.fd, &st) != 0) return false;
+    out.resize(st.st_size);
+    for (size_t got = 0; got < out.size();) {
+        ssize_t n = pread(s.fd, out.data() + got, out.size() - got, (off_t)got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return errno = n == 0 ? EIO : errno, false;
+        got += n;
+    }
+    return true;
+}
+
+/* long_line - the message has a line longer than Postfix's SMTP client sends as it is */
+bool long_line(const Session &s)
+{
+    size_t limit = s.config->line_length_limit;
+    return limit > 0 && (s.head.longest() > limit || s.body.longest() > limit);
+}
+
+/* fold_long_lines - the lines longer than the limit broken as Postfix's SMTP client
+ * breaks them, in the mail server's copy and in the file the handler signs; "" or why
+ * that could not be done */
+std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
+{
+    std::string whole;
+    if (!whole_message(*s, whole))
+        return std::string("cannot read the message back to fold its long lines: ") +
+               strerror(errno);
+    int limit = s->config->line_length_limit;
+    Folding f = fold(whole, limit);
+    whole = std::string();
+    /* each fold adds a space that relaxed canonicalization keeps: a signed field near the
+     * signer's limit can pass it once folded; Postfix folds it all the same */
+    for (const HeaderEdit &h : f.headers) {
+        if (!signed_field(*s->config, h.name.c_str())) continue;
+        std::string field = h.name + ":";
+        for (char c : h.value) {
+            if (c == '\n') field += '\r';
+            field += c;
+        }
+        size_t n = dk_sign_canonical_length(field.data(), field.size());
+        if (n > DK_SIGN_FIELD_MAX) {
+            s->unsignable = "its " + h.name + ": header is " + std::to_string(n) +
+                            " bytes unfolded once folded to Postfix's line limit, more than the "
+                            "signer hashes whole (" +
+                            std::to_string(DK_SIGN_FIELD_MAX) + ")";
+            return "";
+        }
+    }
+    for (HeaderEdit &h : f.headers)
+        if (smfi_chgheader(ctx, h.name.data(), h.index, h.value.data()) != MI_SUCCESS)
+            return "the mail server refused the folded " + h.name + ": header";
+    for (size_t at = f.body_at; f.body_folded && at < f.message.size(); at += BODY_PIECE) {
+        size_t n = std::min(BODY_PIECE, f.message.size() - at);
+        if (smfi_replacebody(ctx, (unsigned char *)f.message.data() + at, (int)n) != MI_SUCCESS)
+            return "the mail server refused the folded body";
+    }
+    close(s->fd);
+    s->fd = -1;
+    s->kept.clear();
+    append(s, f.message.data(), f.message.size());
+    if (s->write_errno != 0 || message_file(s) < 0)
+        return std::string("cannot spool the folded message for the handler: ") +
+               strerror(s->write_errno != 0 ? s->write_errno : errno);
+    halyx_log(LOG_INFO, MILTER_LOG_FOLDED, id.c_str(), f.lines, limit, f.first.c_str());
+    metrics_long_line(metrics(), LongLine::FOLD);
+    return "";
+}
+
+/* warn_long_line - the first line Postfix's SMTP client will break after signing */
+void warn_long_line(const Session &s, const std::string &id)
+{
+    std::string whole;
+    int limit = s.config->line_length_limit;
+    if (!whole_message(s, whole)) return;
+    Folding f = fold(whole, limit);
+    halyx_log(LOG_WARNING, MILTER_LOG_LONG_LINE, id.c_str(), f.first.c_str(), (int)f.first_length,
+              limit);
+    metrics_long_line(metrics(), LongLine::WARN);
+}
+
 /* job_for - the worker's job for the session's message */
 Job job_for(const Session &s, const std::string &id)
 {
@@ -358,21 +454,35 @@ sfsistat on_eom(SMFICTX *ctx)
         answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict), Reason::SPOOL);
     } else {
         const Config &c = *s->config;
-        Job job = job_for(*s, id);
-        metrics().jobs_in_hand.fetch_add(1, std::memory_order_relaxed);
-        Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
-        metrics().jobs_in_hand.fetch_sub(1, std::memory_order_relaxed);
-        Reason why = r.verdict == Verdict::SKIPPED                           ? Reason::POLICY
-                     : r.verdict == Verdict::SIGNED && !r.signatures.empty() ? Reason::OK
-                     : r.verdict == Verdict::FAILED && !r.retry              ? Reason::PERMANENT
-                                                                             : Reason::TEMPORARY;
-        if (why == Reason::OK && !r.reason.empty()) why = Reason::PARTIAL;
-        int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                         std::chrono::steady_clock::now() - end)
-                         .count();
-        answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict), why, ns);
-        if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED)
-            check_alignment(*s, id, job.domain);
+        bool fold = c.long_lines == LongLines::FOLD && long_line(*s);
+        std::string unfolded = fold ? fold_long_lines(ctx, s, id) : "";
+        if (!s->unsignable.empty()) {
+            answer = carry_out(ctx, *s, id, not_signed(id, s->unsignable, false, strict),
+                               Reason::UNSIGNABLE);
+        } else if (!unfolded.empty()) {
+            /* a copy that could not be read back or spooled again, or an edit refused */
+            answer = carry_out(ctx, *s, id, not_signed(id, unfolded, true, strict),
+                               unfolded.rfind("cannot", 0) == 0 ? Reason::SPOOL
+                                                                : Reason::SERVER_REFUSED);
+        } else {
+            Job job = job_for(*s, id);
+            metrics().jobs_in_hand.fetch_add(1, std::memory_order_relaxed);
+            Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
+            metrics().jobs_in_hand.fetch_sub(1, std::memory_order_relaxed);
+            Reason why = r.verdict == Verdict::SKIPPED                           ? Reason::POLICY
+                         : r.verdict == Verdict::SIGNED && !r.signatures.empty() ? Reason::OK
+                         : r.verdict == Verdict::FAILED && !r.retry              ? Reason::PERMANENT
+                                                                    : Reason::TEMPORARY;
+            if (why == Reason::OK && !r.reason.empty()) why = Reason::PARTIAL;
+            int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                             std::chrono::steady_clock::now() - end)
+                             .count();
+            answer = carry_out(ctx, *s, id, decide(id, r, s->signatures, strict), why, ns);
+            if (answer == SMFIS_CONTINUE && r.verdict == Verdict::SIGNED) {
+                check_alignment(*s, id, job.domain);
+                if (c.long_lines == LongLines::WARN && long_line(*s)) warn_long_line(*s, id);
+            }
+        }
     }
     s->reset_message();
     return answer;
@@ -399,7 +509,7 @@ void session_register(smfiDesc &desc, const Settings &settings, Helper &helper)
     helper_ = &helper;
     desc.xxfi_name = (char *)"keyseal";
     desc.xxfi_version = SMFI_VERSION;
-    desc.xxfi_flags = SMFIF_ADDHDRS | SMFIF_CHGHDRS;
+    desc.xxfi_flags = SMFIF_ADDHDRS | SMFIF_CHGHDRS | SMFIF_CHGBODY;
     desc.xxfi_connect = on_connect;
     desc.xxfi_envfrom = on_envfrom;
     desc.xxfi_envrcpt = on_envrcpt;

@@ -45,6 +45,11 @@ TEST(MilterConf, SettingsAndMistakesByLine)
         {"metrics localhost:9901\n", ":1: metrics takes ADDRESS:PORT", ""},
         {"metrics 127.0.0.1:99999\n", ":1: metrics takes ADDRESS:PORT", ""},
         {"metrics_per_domain some\n", ":1: metrics_per_domain takes yes or no", ""},
+        {"long_lines warn\nline_length_limit 0\n", "", "dkimsel=default"},
+        {"long_lines cut\n", ":1: long_lines takes fold or warn", ""},
+        /* a continuation line would have no room after its space */
+        {"line_length_limit 1\n", ":1: line_length_limit takes 0 (no limit) or a number", ""},
+        {"line_length_limit -5\n", ":1: line_length_limit takes 0 (no limit) or a number", ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);

@@ -85,6 +85,9 @@ TEST(Report, CountsWhatTheLinesSay)
         "Nov 21 10:00:15 mx keyseal[9]: QB: Sendmail (PPP_INSIDE_SENDMAIL=1) -> signing",
         "Nov 21 10:00:15 mx keyseal[9]: QB: cannot get sender domain key from /etc/domainkeys/shop.example/s1",
         "Nov 21 10:00:15 mx keyseal-milter[3]: QB: not signed: the handler failed (exit 255; its keyseal lines say why); the message passes unsigned",
+        "Nov 21 10:00:16 mx keyseal-milter[3]: QC: lines folded as Postfix's SMTP client would, before signing: 2 longer than 998 characters, the first body line 3",
+        "Nov 21 10:00:17 mx keyseal-milter[3]: QD: warning: header Subject: is 1500 characters long, more than Postfix's SMTP line limit of 998: Postfix will break it after signing and the signature will not verify at the receiver",
+        "Nov 21 10:00:18 mx keyseal-milter[3]: QE: lines folded as Postfix's SMTP client would, before signing: 1 longer than 500 characters, the first header To:",
         // clang-format on
     };
     const time_t now = 1795300000; /* 2026-11-21 */
@@ -116,6 +119,8 @@ TEST(Report, CountsWhatTheLinesSay)
     auto j = keyseal_admin::render_json(s);
     EXPECT_EQ(j["skipped_loopback"], 3);
     EXPECT_EQ(j["misaligned"][0]["count"], 2);
+    EXPECT_EQ(j["long_lines"]["folded"], 2);
+    EXPECT_EQ(j["long_lines"]["warned"], 1);
     auto text = keyseal_admin::render_text(s, false);
     EXPECT_NE(text.find("whitelist add 127.0.0.1/32"), std::string::npos);
     EXPECT_NE(text.find("      2  host.example / shop.example\n"), std::string::npos);
