@@ -594,7 +594,9 @@ UpdateResult update_zone(const DnsZone &zone, const std::vector<TxtRecord> &publ
                       "cannot sign with the TSIG key " + zone.key_file +
                           " (is its secret base64?)");
     Buffer wire(ldns_buffer_new(LDNS_MAX_PACKETLEN));
-    if (ldns_pkt2buffer_wire(wire.get(), update.get()) != LDNS_STATUS_OK)
+    /* the buffer grows past its first size; TCP's length prefix is 16 bits */
+    if (ldns_pkt2buffer_wire(wire.get(), update.get()) != LDNS_STATUS_OK ||
+        ldns_buffer_position(wire.get()) > 65535)
         return refuse(r, Refusal::FAILED, "the update does not fit in one DNS message");
     /* over TCP: an update of many names is larger than a datagram */
     uint8_t *answer = nullptr;
@@ -669,11 +671,32 @@ std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtR
             none.names.push_back({dname(w), Change::NOT_DONE, Refusal::NO_PRIMARY,
                                   "no zone keyseal may update holds " + dname(w)});
     }
+    /* one UPDATE per zone, split only where a DNS message (64 KiB) cannot hold them all: a
+     * thousand RSA records are some 400 KiB */
+    const size_t MESSAGE_BUDGET = 48 * 1024;
     std::vector<UpdateResult> out;
     for (const auto &z : conf.zones) {
         auto it = by_zone.find(&z);
-        if (it != by_zone.end())
-            out.push_back(update_zone(z, it->second.first, it->second.second, force));
+        if (it == by_zone.end()) continue;
+        const auto &[pub, gone] = it->second;
+        size_t p = 0, w = 0;
+        while (p < pub.size() || w < gone.size()) {
+            std::vector<TxtRecord> some;
+            std::vector<std::string> names;
+            for (size_t bytes = 0; bytes < MESSAGE_BUDGET && (p < pub.size() || w < gone.size());) {
+                if (p < pub.size()) {
+                    bytes += 2 * pub[p].name.size() + 40;
+                    for (const auto &str : pub[p].strings)
+                        bytes += str.size() + 1;
+                    some.push_back(pub[p++]);
+                } else {
+                    /* its prerequisite holds the record withdrawn: a key's worth */
+                    bytes += 2 * gone[w].size() + 600;
+                    names.push_back(gone[w++]);
+                }
+            }
+            out.push_back(update_zone(z, some, names, force));
+        }
     }
     if (!none.names.empty()) out.push_back(none);
     return out;

@@ -141,7 +141,8 @@ UpdateResult update_zone(const DnsZone &zone, const std::vector<TxtRecord> &publ
                          const std::vector<std::string> &withdraw, bool force);
 
 /* update_all - publish and withdraw over many zones: the names grouped by conf.zone_for into
- * one update_zone per zone; a name no zone setting encloses is NOT_DONE with NO_PRIMARY in a
+ * one update_zone per zone (several, of some 48 KiB each, where one DNS message of 64 KiB
+ * cannot hold a zone's all); a name no zone setting encloses is NOT_DONE with NO_PRIMARY in a
  * result of zone "" */
 std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtRecord> &publish,
                                      const std::vector<std::string> &withdraw, bool force);

@@ -11,11 +11,14 @@
 namespace keyseal_admin
 {
 
-std::string record_line_limit(const std::string &path, const std::string &value)
+std::string record_line_limit(const std::string &path, const std::string &given)
 {
-    if (value.empty() || value.size() > 9 ||
+    /* written as keyseal-milter reads it: "0998" is 998, and "01" the 1 it refuses */
+    size_t digits = given.find_first_not_of('0');
+    std::string value = digits == std::string::npos ? "0" : given.substr(digits);
+    if (given.empty() || value.size() > 9 ||
         value.find_first_not_of("0123456789") != std::string::npos || value == "1")
-        throw Problem("Postfix's smtp_line_length_limit = " + value +
+        throw Problem("Postfix's smtp_line_length_limit = " + given +
                       " is no limit keyseal-milter can fold to (0, or 2 and more)");
     std::string text;
     {
@@ -27,18 +30,23 @@ std::string record_line_limit(const std::string &path, const std::string &value)
     }
     const std::string name = "line_length_limit", wanted = name + " " + value;
     std::string out, old;
+    int seen = 0, same = 0;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string first, rest;
         words >> first >> rest;
-        if (first == name && old.empty()) {
-            old = rest.empty() ? "empty" : rest;
-            if (rest == value) return "unchanged: " + wanted + " in " + path;
+        if (first == name) {
+            /* keyseal-milter takes the last of several: one is left, where the first was */
+            bool first_seen = old.empty();
+            if (first_seen) old = rest.empty() ? "empty" : rest;
+            same += rest == value ? 1 : 0, seen++;
+            if (!first_seen) continue;
             line = wanted;
         }
         out += line + "\n";
     }
+    if (seen == 1 && same == 1) return "unchanged: " + wanted + " in " + path;
     if (old.empty())
         out += "\n# Postfix's smtp_line_length_limit, recorded by keyseal-admin postfix setup: "
                "keyseal-milter folds longer lines to it\n" +

@@ -5,6 +5,7 @@
 #include "admin/keys.h"
 #include "admin/names.h"
 #include "admin/rotate.h"
+#include "milter/metrics.h"
 
 #include "dkim/dk_key.h"
 
@@ -24,21 +25,6 @@ void help(std::string &out, const char *name, const char *type, const char *text
     out += std::string("# HELP ") + name + " " + text + "\n# TYPE " + name + " " + type + "\n";
 }
 
-/* escaped - a label value in the text format: domains and selectors are host-name labels,
- * but the format's three escapes cost nothing */
-std::string escaped(const std::string &v)
-{
-    std::string out;
-    for (char c : v)
-        if (c == '\\' || c == '"')
-            out += '\\', out += c;
-        else if (c == '\n')
-            out += "\\n";
-        else
-            out += c;
-    return out;
-}
-
 void sample(std::string &out, const char *name, const std::string &labels, int64_t value)
 {
     char number[32];
@@ -48,7 +34,8 @@ void sample(std::string &out, const char *name, const std::string &labels, int64
 
 std::string key_labels(const KeyState &k)
 {
-    return "domain=\"" + escaped(k.domain) + "\",selector=\"" + escaped(k.selector) + "\"";
+    return "domain=\"" + keyseal_milter::label_value(k.domain) + "\",selector=\"" +
+           keyseal_milter::label_value(k.selector) + "\"";
 }
 
 /* record_state - 1 when the one DKIM record at the key's selector holds its public key, 0
@@ -95,7 +82,8 @@ std::string key_metrics_text(const std::vector<KeyState> &keys,
          "record published, not yet signing; switched: the old key not yet retired).");
     for (const auto &r : rotations)
         sample(out, "keyseal_rotation_waiting_seconds",
-               "domain=\"" + escaped(r.domain) + "\",step=\"" + r.step + "\"", now - r.since);
+               "domain=\"" + keyseal_milter::label_value(r.domain) + "\",step=\"" + r.step + "\"",
+               now - r.since);
     help(out, "keyseal_key_state_timestamp_seconds", "gauge",
          "When keyseal-admin wrote this file.");
     out += "keyseal_key_state_timestamp_seconds " + std::to_string((int64_t)now) + "\n";

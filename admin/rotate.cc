@@ -169,13 +169,7 @@ int cmd_rotate_start(std::string domain, const std::string &type, std::string se
     }
     Pkey key = generate_key(new_type, 2048);
     write_key(key.get(), key_path(domain, selector), gid);
-    s = State{};
-    s.domain = domain;
-    s.type = new_type;
-    s.old_selector = old;
-    s.new_selector = selector;
-    s.delegated = delegated;
-    s.started = time(nullptr);
+    s = State::staged(domain, new_type, old, selector, delegated);
     try {
         s.write();
     } catch (const Problem &) {

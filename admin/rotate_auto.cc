@@ -244,13 +244,7 @@ void plan_start(Domain &d, const Milter &milter, const DnsConf &conf, const std:
     struct stat st;
     gid_t gid = stat(dir.c_str(), &st) == 0 ? st.st_gid : key_group("");
     write_key(d.key.get(), key_path(s.domain, sel), gid);
-    s = State{};
-    s.domain = domain;
-    s.type = type;
-    s.old_selector = old;
-    s.new_selector = sel;
-    s.delegated = delegated;
-    s.started = time(nullptr);
+    s = State::staged(domain, type, old, sel, delegated);
     d.act = Domain::START;
     d.moved = true;
     if (conf.zone_for(record_name(s, sel)) != nullptr) {
@@ -275,6 +269,15 @@ void switch_domain(State &s, Milter &milter)
     s.switched = time(nullptr);
     /* no key of its own before: nothing to put aside, nothing in transit */
     if (s.old_selector == NO_SELECTOR) s.retired = s.switched;
+    /* the map says the new selector, the running keyseal-milter not until it reloads: the
+     * old key stays until that is seen */
+    begin(s, "reload");
+}
+
+/* reloaded - keyseal-milter reloaded since the switch was written: nothing pends */
+void reloaded(State &s)
+{
+    if (s.pending != "reload") return;
     s.pending.clear();
     s.write();
 }
@@ -289,7 +292,7 @@ void retire_key(State &s)
             throw Problem("cannot move the old key aside: " +
                           errno_text(key_path(s.domain, s.old_selector)));
     }
-    s.retired = time(nullptr);
+    if (s.retired == -1) s.retired = time(nullptr);
     s.pending.clear();
     s.write();
 }
@@ -400,6 +403,10 @@ int cmd_rotate_auto()
                     d.publish = record_name(d.s, d.s.new_selector);
                     if (d.s.published == -1) begin(d.s, "publish");
                 }
+            } else if (d.s.pending == "reload") {
+                d.line = "switched to " + d.s.new_selector +
+                         "; keyseal-milter is reloaded before " + d.s.old_selector + " retires";
+                d.waiting = true;
             } else if (d.s.exists() && d.s.retired == -1) {
                 /* a domain delegated with no key of its own before has nothing in transit */
                 if (now < d.s.switched + GRACE && d.s.old_selector != NO_SELECTOR) {
@@ -418,6 +425,13 @@ int cmd_rotate_auto()
                         begin(d.s, "withdraw");
                     }
                 }
+            } else if (d.s.exists() && d.s.pending == "withdraw" &&
+                       d.s.old_selector != NO_SELECTOR &&
+                       conf.zone_for(record_name(d.s, d.s.old_selector)) != nullptr) {
+                /* retired by hand while its record's withdrawal was refused or cut short:
+                 * the withdrawal is taken again */
+                d.act = Domain::RETIRE;
+                d.withdraw = record_name(d.s, d.s.old_selector);
             } else {
                 std::string old = due_selector(milter, name, d.s, now, conf.rotate_after_days);
                 if (!old.empty()) plan_start(d, milter, conf, old);
@@ -444,33 +458,13 @@ int cmd_rotate_auto()
     }
     std::map<std::string, NameResult> done;
     int messages = 0;
-    /* one UPDATE per zone, split only where a DNS message (64 KiB) cannot hold them all: a
-     * thousand RSA records are some 400 KiB */
-    const size_t MESSAGE_BUDGET = 48 * 1024;
-    size_t p = 0, w = 0;
-    while (p < publish.size() || w < withdraw.size()) {
-        std::vector<TxtRecord> some;
-        std::vector<std::string> gone;
-        for (size_t bytes = 0;
-             bytes < MESSAGE_BUDGET && (p < publish.size() || w < withdraw.size());) {
-            if (p < publish.size()) {
-                bytes += 2 * publish[p].name.size() + 40;
-                for (const auto &str : publish[p].strings)
-                    bytes += str.size() + 1;
-                some.push_back(publish[p++]);
-            } else {
-                /* its prerequisite holds the record withdrawn: a key's worth */
-                bytes += 2 * withdraw[w].size() + 600;
-                gone.push_back(withdraw[w++]);
-            }
-        }
-        for (const auto &u : update_all(conf, some, gone, false)) {
-            messages += u.messages;
-            for (const auto &n : u.names) {
-                NameResult r = n;
-                if (!u.ok() && r.text.empty()) r.text = u.text;
-                done[canonical_name(n.name)] = r;
-            }
+    /* one UPDATE per zone, more only where one DNS message cannot hold them all */
+    for (const auto &u : update_all(conf, publish, withdraw, false)) {
+        messages += u.messages;
+        for (const auto &n : u.names) {
+            NameResult r = n;
+            if (!u.ok() && r.text.empty()) r.text = u.text;
+            done[canonical_name(n.name)] = r;
         }
     }
     auto refused = [&](Domain &d, const std::string &name) -> bool {
@@ -486,6 +480,7 @@ int cmd_rotate_auto()
     int switched = 0;
     for (auto &d : all) {
         State &s = d.s;
+        bool switch_begun = s.pending == "switch";
         try {
             if (!d.publish.empty()) {
                 if (refused(d, d.publish)) continue;
@@ -496,7 +491,7 @@ int cmd_rotate_auto()
             if (d.act == Domain::STAGED) {
                 /* a switch recorded as begun had passed its gate: it is finished, not asked
                  * again (the map may already sign with the new selector) */
-                Gate g = s.pending == "switch" ? Gate{} : gate(s, s.new_selector, d.key.get());
+                Gate g = switch_begun ? Gate{} : gate(s, s.new_selector, d.key.get());
                 if (g.why.empty()) {
                     switch_domain(s, milter);
                     switched++;
@@ -540,8 +535,13 @@ int cmd_rotate_auto()
         moved += d.moved;
         waiting += d.waiting;
     }
+    /* switches of this run, and of a run that could not reload */
+    for (const auto &d : all)
+        switched += d.s.pending == "reload" && !d.moved;
     bool reloaded = switched > 0 && reload_or_say(milter);
     if (switched > 0 && !reloaded) person = true;
+    for (auto &d : all)
+        if (reloaded) keyseal_admin::reloaded(d.s);
     printf("rotate auto: %zu domain%s, %d moved, %d waiting, %d UPDATE message%s%s\n", all.size(),
            all.size() == 1 ? "" : "s", moved, waiting, messages, messages == 1 ? "" : "s",
            reloaded ? "; keyseal-milter reloaded" : "");
@@ -551,6 +551,7 @@ int cmd_rotate_auto()
 int cmd_delegate(std::string domain, int wait_seconds)
 {
     domain = canonical_domain(domain);
+    Lock lock; /* a rotate auto at work would write its own view of the state over ours */
     DnsConf conf = load_dns_conf();
     std::string zone = conf.delegation_zone();
     if (zone.empty())
@@ -595,13 +596,7 @@ int cmd_delegate(std::string domain, int wait_seconds)
         gid_t gid = key_group("");
         keys_dir_for(domain, gid);
         write_key(key.get(), key_path(domain, first), gid);
-        s = State{};
-        s.domain = domain;
-        s.type = type;
-        s.old_selector = old;
-        s.new_selector = first;
-        s.delegated = zone;
-        s.started = time(nullptr);
+        s = State::staged(domain, type, old, first, zone);
     }
     begin(s, "publish");
     std::vector<TxtRecord> rec{dkim_record(domain, s.new_selector, key.get())};
@@ -639,7 +634,9 @@ int cmd_delegate(std::string domain, int wait_seconds)
     switch_domain(s, milter);
     fprintf(stderr, "switched %s to %s in %s\n", domain.c_str(), s.new_selector.c_str(),
             milter.map_path.c_str());
-    return reload_or_say(milter) ? EXIT_OK : EXIT_PROBLEM;
+    if (!reload_or_say(milter)) return EXIT_PROBLEM;
+    reloaded(s);
+    return EXIT_OK;
 }
 
 bool check_delegation(const std::string &domain, const Nameservers &ns, Findings &report)
@@ -692,13 +689,21 @@ bool check_delegation(const std::string &domain, const Nameservers &ns, Findings
         Gate g = key ? gate(s, s.new_selector, key.get()) : Gate{"no new key", false};
         if (!g.why.empty()) {
             report.warning("not switched to " + s.new_selector + " yet: " + g.why);
-        } else {
-            Milter milter;
-            switch_domain(s, milter);
-            report.ok("switched " + domain + " to " + s.new_selector + " in " + milter.map_path);
-            std::string failed = milter.reload();
-            if (!failed.empty()) report.error("keyseal-milter was not reloaded: " + failed);
-        }
+        } else
+            try {
+                Lock lock; /* not beside a rotate auto run, which holds its own copy of the state */
+                Milter milter;
+                switch_domain(s, milter);
+                report.ok("switched " + domain + " to " + s.new_selector + " in " +
+                          milter.map_path);
+                std::string failed = milter.reload();
+                if (!failed.empty())
+                    report.error("keyseal-milter was not reloaded: " + failed);
+                else
+                    reloaded(s);
+            } catch (const Problem &e) {
+                report.warning(std::string("not switched now: ") + e.what());
+            }
     }
     return true;
 }

@@ -56,7 +56,8 @@ const char NO_SELECTOR[] = "-";
  * always written (see rotate.cc), those of a rotation that changes the DNS itself:
  *   delegated ZONE               the domain's selectors are CNAMEs into the hoster's ZONE
  *   published|withdrawn TIME     the new record published, the old one withdrawn
- *   pending STEP TIME            STEP (publish, switch, withdraw) begun and not yet recorded
+ *   pending STEP TIME            STEP (publish, switch, withdraw) begun and not yet recorded;
+ *                                reload: switched in the map, keyseal-milter not yet reloaded
  *                                as done: a run that finds it takes the step again, as each
  *                                step is one that changes nothing when taken twice */
 struct State {
@@ -64,6 +65,20 @@ struct State {
     time_t started = -1, switched = -1, retired = -1;
     std::string delegated, pending;
     time_t published = -1, withdrawn = -1, pending_since = -1;
+
+    /* staged - a rotation started now: a new key of type under selector replaces old */
+    static State staged(const std::string &domain, const std::string &type, const std::string &old,
+                        const std::string &selector, const std::string &delegated)
+    {
+        State s;
+        s.domain = domain;
+        s.type = type;
+        s.old_selector = old;
+        s.new_selector = selector;
+        s.delegated = delegated;
+        s.started = time(nullptr);
+        return s;
+    }
 
     std::string path() const { return std::string(DK_KEYS_DIR) + "/" + domain + "/" + STATE_NAME; }
     bool exists() const { return started != -1; }
@@ -104,7 +119,8 @@ struct State {
             else if (name == "delegated" && valid_name(value))
                 delegated = value;
             else if (name == "pending" &&
-                     (value == "publish" || value == "switch" || value == "withdraw") &&
+                     (value == "publish" || value == "switch" || value == "withdraw" ||
+                      value == "reload") &&
                      (words >> since) && (pending_since = parse_time(since)) != -1)
                 pending = value;
             else

@@ -116,7 +116,9 @@ Folding fold(std::string_view message, size_t limit)
             folded.append(eol);
         });
         f.message += folded;
-        if (broken > 0 && field.find(':') != std::string_view::npos) {
+        if (broken > 0 && name.size() + 1 > limit) {
+            if (f.name_too_long.empty()) f.name_too_long = name;
+        } else if (broken > 0 && field.find(':') != std::string_view::npos) {
             std::string_view value = folded;
             value.remove_prefix(name.size() + 1);
             if (value.size() >= 2 && value.substr(value.size() - 2) == "\r\n")

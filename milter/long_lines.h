@@ -57,6 +57,9 @@ struct Folding {
     int lines = 0;                   /* how many lines were broken */
     std::string first;               /* the first: "header NAME:" or "body line N" */
     size_t first_length = 0;         /* ... and its length */
+    /* a field whose name alone passes the limit: Postfix breaks the name, which no header
+     * edit can say; "" when there is none */
+    std::string name_too_long;
 };
 
 /* fold_line - one line (without its end) broken at limit as Postfix's SMTP client breaks

@@ -66,7 +66,8 @@ struct Metrics {
 
     std::atomic<uint64_t> messages[(int)Outcome::COUNT][(int)Reason::COUNT] = {};
     std::atomic<uint64_t> signatures[(int)Algorithm::COUNT] = {};
-    std::atomic<uint64_t> latency_buckets[NBUCKETS] = {}; /* not cumulative: render() sums */
+    /* not cumulative: render() sums; the last one is +Inf's own */
+    std::atomic<uint64_t> latency_buckets[NBUCKETS + 1] = {};
     std::atomic<uint64_t> latency_count{0}, latency_ns{0};
     std::atomic<uint64_t> helper_restarts{0};
     std::atomic<uint64_t> reloads_ok{0}, reloads_failed{0};

@@ -373,6 +373,12 @@ std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
     int limit = s->config->line_length_limit;
     Folding f = fold(whole, limit);
     whole = std::string();
+    if (!f.name_too_long.empty()) {
+        s->unsignable = "its header " + f.name_too_long.substr(0, 40) +
+                        "...: has a name longer than Postfix's line limit (" +
+                        std::to_string(limit) + "), which Postfix breaks after signing";
+        return "";
+    }
     /* each fold adds a space that relaxed canonicalization keeps: a signed field near the
      * signer's limit can pass it once folded; Postfix folds it all the same */
     for (const HeaderEdit &h : f.headers) {
@@ -391,9 +397,20 @@ std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
             return "";
         }
     }
-    for (HeaderEdit &h : f.headers)
+    for (HeaderEdit &h : f.headers) {
         if (smfi_chgheader(ctx, h.name.data(), h.index, h.value.data()) != MI_SUCCESS)
             return "the mail server refused the folded " + h.name + ": header";
+        /* an old signature is removed by its text as the handler reads it: folded now */
+        if (strcasecmp(h.name.c_str(), "DKIM-Signature") == 0 && h.index >= 1 &&
+            (size_t)h.index <= s->signatures.size()) {
+            std::string line = h.name + ":";
+            for (char c : h.value) {
+                if (c == '\n') line += '\r';
+                line += c;
+            }
+            s->signatures[h.index - 1] = line + "\r\n";
+        }
+    }
     for (size_t at = f.body_at; f.body_folded && at < f.message.size(); at += BODY_PIECE) {
         size_t n = std::min(BODY_PIECE, f.message.size() - at);
         if (smfi_replacebody(ctx, (unsigned char *)f.message.data() + at, (int)n) != MI_SUCCESS)
@@ -454,8 +471,19 @@ sfsistat on_eom(SMFICTX *ctx)
         answer = carry_out(ctx, *s, id, not_signed(id, why, true, strict), Reason::SPOOL);
     } else {
         const Config &c = *s->config;
-        bool fold = c.long_lines == LongLines::FOLD && long_line(*s);
-        std::string unfolded = fold ? fold_long_lines(ctx, s, id) : "";
+        Job job = job_for(*s, id);
+        Limits limits{(uint32_t)c.timeout, (uint32_t)c.workers};
+        metrics().jobs_in_hand.fetch_add(1, std::memory_order_relaxed);
+        Result r = helper_->run(job, s->fd, limits);
+        /* a message the handler does not sign is not keyseal's to change (mail arriving for
+         * this host keeps its sender's signature whole): it is folded only once the handler
+         * signed it as it came, and then signed again as folded */
+        std::string unfolded;
+        if (r.verdict == Verdict::SIGNED && c.long_lines == LongLines::FOLD && long_line(*s)) {
+            unfolded = fold_long_lines(ctx, s, id);
+            if (unfolded.empty() && s->unsignable.empty()) r = helper_->run(job, s->fd, limits);
+        }
+        metrics().jobs_in_hand.fetch_sub(1, std::memory_order_relaxed);
         if (!s->unsignable.empty()) {
             answer = carry_out(ctx, *s, id, not_signed(id, s->unsignable, false, strict),
                                Reason::UNSIGNABLE);
@@ -465,10 +493,6 @@ sfsistat on_eom(SMFICTX *ctx)
                                unfolded.rfind("cannot", 0) == 0 ? Reason::SPOOL
                                                                 : Reason::SERVER_REFUSED);
         } else {
-            Job job = job_for(*s, id);
-            metrics().jobs_in_hand.fetch_add(1, std::memory_order_relaxed);
-            Result r = helper_->run(job, s->fd, Limits{(uint32_t)c.timeout, (uint32_t)c.workers});
-            metrics().jobs_in_hand.fetch_sub(1, std::memory_order_relaxed);
             Reason why = r.verdict == Verdict::SKIPPED                           ? Reason::POLICY
                          : r.verdict == Verdict::SIGNED && !r.signatures.empty() ? Reason::OK
                          : r.verdict == Verdict::FAILED && !r.retry              ? Reason::PERMANENT

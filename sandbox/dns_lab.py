@@ -18,6 +18,8 @@ import dns.query
 import dns.rcode
 import dns.rdatatype
 
+from sandbox import harness
+
 PRIMARY, SECONDARY, RESOLVER = "127.0.0.2", "127.0.0.3", "127.0.0.4"
 ZONES = ("hoster.test", "customer.test")
 KEY_NAME = "keyseal-update"
@@ -58,20 +60,7 @@ template:
 zone:
 {zones}"""
 
-NSD = """server:
-  ip-address: {secondary}
-  port: 53
-  username: ""
-  chroot: ""
-  database: ""
-  zonesdir: "{d}"
-  pidfile: "{d}/nsd.pid"
-  xfrdfile: "{d}/xfrd.state"
-  zonelistfile: "{d}/zone.list"
-  logfile: "{d}/nsd.log"
-remote-control:
-  control-enable: no
-{zones}"""
+NSD = harness.Nsd.SERVER + "{zones}"
 
 UNBOUND = """server:
   interface: {resolver}
@@ -189,7 +178,7 @@ class DnsLab:
             os.remove(os.path.join(d, f))
         allow = f"  allow-notify: 127.0.0.0/8 NOKEY\n" if notify else ""
         with open(os.path.join(d, "nsd.conf"), "w") as f:
-            f.write(NSD.format(d=d, secondary=SECONDARY, zones="".join(
+            f.write(NSD.format(d=d, address=SECONDARY, zones="".join(
                 f"zone:\n  name: {z}\n  request-xfr: AXFR {PRIMARY}@53 NOKEY\n{allow}"
                 for z in ZONES)))
         self._start("nsd", ["nsd", "-d", "-c", os.path.join(d, "nsd.conf")])

@@ -204,7 +204,8 @@ class Nsd:
     """A real authoritative DNS server (nsd) on port 53 of a loopback address (127.0.0.1 unless
     given) of the test's private network namespace, serving one zone built from pasted record
     text."""
-    CONF = """server:
+    # the server part alone, for others' zones (the DNS lab's secondary)
+    SERVER = """server:
   ip-address: {address}
   port: 53
   username: ""
@@ -217,7 +218,8 @@ class Nsd:
   logfile: "{d}/nsd.log"
 remote-control:
   control-enable: no
-zone:
+"""
+    CONF = SERVER + """zone:
   name: {zone}
   zonefile: {zone}.zone
 """

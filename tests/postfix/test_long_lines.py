@@ -96,6 +96,17 @@ def test_fold_delivers_what_postfix_alone_does_and_the_signature_verifies(lab, a
     assert (folded and (int(folded.group(1)), folded.group(2))) == ((broken, first) if broken else None)
 
 
+def test_a_message_the_handler_does_not_sign_is_not_folded(lab):
+    """A loopback client neither authenticated nor local: the handler skips it, and its long
+    line is left to whatever comes after (a sender's own signature stays whole here)."""
+    milter(lab, "long_lines fold\nline_length_limit 998\n")
+    data = CASES[0][2].replace(b"%s", b"skipped")
+    got, qid = deliver(lab, smtp, data)
+    assert signatures(got) == []
+    lab.log(until=rf"keyseal\[\d+\]: {qid}: ")
+    assert not re.search(rf"{qid}: lines folded", lab.log())
+
+
 @pytest.mark.parametrize("case,how,data,broken,first", [c for c in CASES if c[0].startswith("a 1,500")
                                                         or c[0].startswith("a 2,000") or c[3] == 0],
                          ids=["2,000 body", "1,500 header", "exact limit"])
