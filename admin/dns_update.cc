@@ -702,6 +702,23 @@ std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtR
     return out;
 }
 
+std::string canonical_dns_name(const std::string &name)
+{
+    return dname(name);
+}
+
+std::map<std::string, NameResult> results_by_name(const std::vector<UpdateResult> &updates)
+{
+    std::map<std::string, NameResult> out;
+    for (const auto &u : updates)
+        for (const auto &n : u.names) {
+            NameResult r = n;
+            if (!u.ok() && r.text.empty()) r.text = u.text;
+            out[dname(n.name)] = r;
+        }
+    return out;
+}
+
 std::vector<std::string> lookup_txt(const std::string &name, const Nameservers &ns)
 {
     /* the system's resolver, or the servers given, asked with recursion as a receiver does */

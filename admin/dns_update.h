@@ -28,6 +28,7 @@
 #include "admin/dns.h"
 
 #include <openssl/evp.h>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,12 @@ UpdateResult update_zone(const DnsZone &zone, const std::vector<TxtRecord> &publ
  * result of zone "" */
 std::vector<UpdateResult> update_all(const DnsConf &conf, const std::vector<TxtRecord> &publish,
                                      const std::vector<std::string> &withdraw, bool force);
+
+/* canonical_dns_name - a name as results are keyed: lower case, no trailing dot */
+std::string canonical_dns_name(const std::string &name);
+/* results_by_name - each name's result of these updates, by its canonical name; a name of a
+ * refused message carries the message's one line when it has none of its own */
+std::map<std::string, NameResult> results_by_name(const std::vector<UpdateResult> &updates);
 
 /* ServerAnswer - what one authoritative server answers at a name */
 struct ServerAnswer {

@@ -209,12 +209,10 @@ int cmd_keygen_missing(const std::string &file, const std::string &selector,
         keys.push_back(std::move(m));
     }
     std::map<std::string, NameResult> outcome;
-    if (!publish.empty())
-        for (const auto &u : update_all(dns, publish, {}, false))
-            for (const auto &n : u.names)
-                outcome[n.name] = n;
+    if (!publish.empty()) outcome = results_by_name(update_all(dns, publish, {}, false));
     for (const auto &m : keys) {
-        auto o = outcome.find(dkim_record(m.domain, m.selector, m.key.get()).name);
+        auto o =
+            outcome.find(canonical_dns_name(dkim_record(m.domain, m.selector, m.key.get()).name));
         if (o != outcome.end() && o->second.change != Change::NOT_DONE) {
             fprintf(stderr, "wrote %s; published its record\n", m.written.c_str());
             continue;

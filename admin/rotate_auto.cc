@@ -45,15 +45,6 @@ std::string record_name(const State &s, const std::string &selector)
                                : delegated_target(s.domain, selector, s.delegated);
 }
 
-std::string canonical_name(std::string name)
-{
-    for (auto &c : name)
-        c = (char)tolower((unsigned char)c);
-    while (!name.empty() && name.back() == '.')
-        name.pop_back();
-    return name;
-}
-
 /* cname_at - the CNAME at name as ip answers it without recursion, or as the system's
  * resolver (or ns) answers it when ip is "": its target, "" when there is none; throws
  * Problem when no answer comes */
@@ -85,7 +76,7 @@ std::string cname_at(const std::string &name, const std::string &ip, const Names
         ldns_rr_list *l = ldns_pkt_rr_list_by_type(p, LDNS_RR_TYPE_CNAME, LDNS_SECTION_ANSWER);
         if (l != nullptr && ldns_rr_list_rr_count(l) > 0) {
             char *t = ldns_rdf2str(ldns_rr_rdf(ldns_rr_list_rr(l, 0), 0));
-            target = canonical_name(t != nullptr ? t : "");
+            target = canonical_dns_name(t != nullptr ? t : "");
             free(t);
         }
         ldns_rr_list_deep_free(l);
@@ -456,19 +447,14 @@ int cmd_rotate_auto()
         }
         if (!d.withdraw.empty()) withdraw.push_back(d.withdraw);
     }
-    std::map<std::string, NameResult> done;
-    int messages = 0;
     /* one UPDATE per zone, more only where one DNS message cannot hold them all */
-    for (const auto &u : update_all(conf, publish, withdraw, false)) {
+    std::vector<UpdateResult> updates = update_all(conf, publish, withdraw, false);
+    int messages = 0;
+    for (const auto &u : updates)
         messages += u.messages;
-        for (const auto &n : u.names) {
-            NameResult r = n;
-            if (!u.ok() && r.text.empty()) r.text = u.text;
-            done[canonical_name(n.name)] = r;
-        }
-    }
+    std::map<std::string, NameResult> done = results_by_name(updates);
     auto refused = [&](Domain &d, const std::string &name) -> bool {
-        auto it = done.find(canonical_name(name));
+        auto it = done.find(canonical_dns_name(name));
         if (it != done.end() && it->second.change != Change::NOT_DONE) return false;
         d.line = "error: the update of " + name +
                  " was refused: " + (it == done.end() ? "no answer for it" : it->second.text);

@@ -240,19 +240,25 @@ bool signed_field(const Config &c, const char *name)
     return false;
 }
 
+/* header_line - a field as the message holds it: the milter protocol gives folded values
+ * bare LF line breaks, the message is CR LF throughout */
+std::string header_line(const std::string &name, const std::string &value)
+{
+    std::string line = name + ":";
+    line.reserve(line.size() + value.size() + 2);
+    for (size_t i = 0; i < value.size(); i++) {
+        if (value[i] == '\n' && (i == 0 || value[i - 1] != '\r')) line += '\r';
+        line += value[i];
+    }
+    return line + "\r\n";
+}
+
 sfsistat on_header(SMFICTX *ctx, char *name, char *value)
 {
     Session *s = session(ctx);
     if (s == nullptr) return SMFIS_CONTINUE;
     if (!s->keep) return s->go(SMFIP_NR_HDR);
-    /* folded values come with bare LF line breaks; the message is CR LF throughout */
-    std::string line = std::string(name) + ":";
-    line.reserve(line.size() + strlen(value) + 2);
-    for (const char *p = value; *p != '\0'; p++) {
-        if (*p == '\n' && (p == value || p[-1] != '\r')) line += '\r';
-        line += *p;
-    }
-    line += "\r\n";
+    std::string line = header_line(name, value);
     append(s, line.data(), line.size());
     if (s->config->line_length_limit > 0) s->head.feed(line.data(), line.size());
     /* the mail server numbers a header among those of its name, in any letter case */
@@ -383,11 +389,7 @@ std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
      * signer's limit can pass it once folded; Postfix folds it all the same */
     for (const HeaderEdit &h : f.headers) {
         if (!signed_field(*s->config, h.name.c_str())) continue;
-        std::string field = h.name + ":";
-        for (char c : h.value) {
-            if (c == '\n') field += '\r';
-            field += c;
-        }
+        std::string field = header_line(h.name, h.value);
         size_t n = dk_sign_canonical_length(field.data(), field.size());
         if (n > DK_SIGN_FIELD_MAX) {
             s->unsignable = "its " + h.name + ": header is " + std::to_string(n) +
@@ -402,14 +404,8 @@ std::string fold_long_lines(SMFICTX *ctx, Session *s, const std::string &id)
             return "the mail server refused the folded " + h.name + ": header";
         /* an old signature is removed by its text as the handler reads it: folded now */
         if (strcasecmp(h.name.c_str(), "DKIM-Signature") == 0 && h.index >= 1 &&
-            (size_t)h.index <= s->signatures.size()) {
-            std::string line = h.name + ":";
-            for (char c : h.value) {
-                if (c == '\n') line += '\r';
-                line += c;
-            }
-            s->signatures[h.index - 1] = line + "\r\n";
-        }
+            (size_t)h.index <= s->signatures.size())
+            s->signatures[h.index - 1] = header_line(h.name, h.value);
     }
     for (size_t at = f.body_at; f.body_folded && at < f.message.size(); at += BODY_PIECE) {
         size_t n = std::min(BODY_PIECE, f.message.size() - at);
