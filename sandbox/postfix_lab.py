@@ -233,6 +233,12 @@ class Lab:
         milter = self.procs[name]
         ready = ready or (lambda: os.path.exists(QUEUE + "/keyseal/milter.sock"))
         wait_for(lambda: ready() or milter.poll() is not None, "keyseal-milter's socket")
+        # the socket listens before the signing helper is up, and "listening on" comes after:
+        # a test that kills the helper must kill a started one (whose end is a restart), not
+        # one still starting (whose end ends keyseal-milter)
+        listening = rf"keyseal-milter\[{milter.pid}\]: listening on "
+        wait_for(lambda: re.search(listening, self.log(), re.M) or milter.poll() is not None,
+                 "keyseal-milter's signing helper")
         assert milter.poll() is None, f"keyseal-milter ended with status {milter.returncode}"
         return milter
 
