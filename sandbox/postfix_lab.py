@@ -299,6 +299,29 @@ def connects(address):
         return False
 
 
+def children(pid):
+    """The live processes whose parent is pid."""
+    found = []
+    for path in glob.glob("/proc/[0-9]*/stat"):
+        try:
+            state, ppid = open(path).read().rsplit(")", 1)[1].split()[:2]
+        except OSError:
+            continue
+        if int(ppid) == pid and state != "Z":
+            found.append(int(path.split("/")[2]))
+    return found
+
+
+def reload_postfix():
+    """postfix reload, returned once the processes that ran on the settings of before are
+    gone: an idle smtpd or cleanup of before would otherwise take the next message by them."""
+    with open(QUEUE + "/pid/master.pid") as f:
+        master = int(f.read().split()[0])
+    before = set(children(master))
+    subprocess.run(["postfix", "reload"], check=True, capture_output=True)
+    wait_for(lambda: not before & set(children(master)), "Postfix's processes of before the reload to end")
+
+
 def alive_pid(path):
     try:
         os.kill(int(open(path).read().split()[0]), 0)

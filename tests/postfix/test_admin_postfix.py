@@ -12,6 +12,7 @@ import time
 import pytest
 
 from sandbox import postfix_lab
+from sandbox.postfix_lab import reload_postfix
 from test_milter import deliver, message, sendmail, signatures, smtp, verifies
 
 MILTER_CONF = "/etc/keyseal/milter.conf"
@@ -25,10 +26,6 @@ def postconf(*args):
 def configuration():
     """main.cf and master.cf as Postfix reads them: the explicit settings and the services."""
     return postconf("-n"), postconf("-M"), postconf("-P")
-
-
-def reload_postfix():
-    subprocess.run(["postfix", "reload"], check=True, capture_output=True)
 
 
 @pytest.fixture

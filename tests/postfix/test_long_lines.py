@@ -8,6 +8,7 @@ import subprocess
 
 import pytest
 
+from sandbox import postfix_lab
 from test_milter import deliver, sendmail, signatures, smtp, verifies
 from test_signing import mail_dkim
 
@@ -73,12 +74,12 @@ def alone(lab):
     """Each case as Postfix alone delivers it: keyseal-milter out of its milter lists."""
     lists = {name: postconf("-h", name) for name in ("smtpd_milters", "non_smtpd_milters")}
     postconf("-e", "smtpd_milters =", "non_smtpd_milters =")
-    subprocess.run(["postfix", "reload"], check=True, capture_output=True)
+    postfix_lab.reload_postfix()
     try:
         return {case: send(lab, how, data, "alone")[0] for case, how, data, _, _ in CASES}
     finally:
         postconf("-e", *[f"{name} = {value}" for name, value in lists.items()])
-        subprocess.run(["postfix", "reload"], check=True, capture_output=True)
+        postfix_lab.reload_postfix()
 
 
 @pytest.mark.parametrize("case,how,data,broken,first", CASES, ids=[c[0] for c in CASES])

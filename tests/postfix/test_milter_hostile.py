@@ -20,7 +20,7 @@ import pytest
 
 from milter_client import applied, session
 from sandbox import postfix_lab
-from sandbox.postfix_lab import wait_for
+from sandbox.postfix_lab import children, wait_for
 from test_milter import deliver, message, signatures, smtp, verifies
 
 SOCK = postfix_lab.QUEUE + "/keyseal/hostile.sock"
@@ -49,19 +49,6 @@ def listening_inode(where):
             if f[3] == "0A" and int(f[1].rsplit(":", 1)[1], 16) == port:
                 return f[9]
     return None
-
-
-def children(pid):
-    """The live processes whose parent is pid."""
-    found = []
-    for path in glob.glob("/proc/[0-9]*/stat"):
-        try:
-            state, ppid = open(path).read().rsplit(")", 1)[1].split()[:2]
-        except OSError:
-            continue
-        if int(ppid) == pid and state != "Z":
-            found.append(int(path.split("/")[2]))
-    return found
 
 
 def descendants(pid):
