@@ -11,7 +11,6 @@ the host is written (run it inside postfix_lab.enter()'s private /etc).
 import base64
 import os
 import subprocess
-import time
 
 import dns.message
 import dns.query
@@ -19,6 +18,7 @@ import dns.rcode
 import dns.rdatatype
 
 from sandbox import harness
+from sandbox.harness import wait_for  # noqa: F401 (the tests take it from here)
 
 PRIMARY, SECONDARY, RESOLVER = "127.0.0.2", "127.0.0.3", "127.0.0.4"
 ZONES = ("hoster.test", "customer.test")
@@ -116,13 +116,6 @@ def ask(server, name, rdtype="TXT"):
             elif rrset.rdtype == dns.rdatatype.SOA and rdtype == "SOA":
                 out.append(rd.serial)
     return dns.rcode.to_text(r.rcode()), out
-
-
-def wait_for(condition, what, seconds=60):
-    until = time.monotonic() + seconds
-    while not condition():
-        assert time.monotonic() < until, "waited in vain for " + (what() if callable(what) else what)
-        time.sleep(0.1)
 
 
 class DnsLab:

@@ -8,12 +8,23 @@ import re
 import socket
 import subprocess
 import threading
+import time
 
 import dkim
 
 SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "namespace.py")
 SANITIZER_VARS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS")
 SYSLOG_RE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d (\S+?)\[(\d+)\]: (.*)", re.S)
+
+
+def wait_for(condition, what, seconds=60):
+    """A bounded wait: polls condition until it holds, or fails naming what it waited for
+    (what may be a function, for a message that says what was found at the end)."""
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {seconds} s for {what() if callable(what) else what}")
+        time.sleep(0.05)
 
 
 @dataclasses.dataclass

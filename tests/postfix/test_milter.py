@@ -4,7 +4,6 @@ import json
 import os
 import re
 import smtplib
-import socket
 import subprocess
 
 import dkim
