@@ -349,6 +349,52 @@ DnsConf load_dns_conf(const std::string &given)
     return conf;
 }
 
+/* key_file_words - the words of a key file in the configuration syntax tsig-keygen writes:
+ * quoted strings kept whole with their quotes, braces and semicolons as words of their own,
+ * and the three comment forms (#, //, C's) dropped only outside quotes, since a base64 secret
+ * may hold "//". A quote left open makes the whole file unreadable: no words. */
+static std::vector<std::string> key_file_words(const std::string &text)
+{
+    std::vector<std::string> words;
+    std::string word;
+    auto end_word = [&] {
+        if (!word.empty()) words.push_back(word);
+        word.clear();
+    };
+    for (size_t i = 0; i < text.size(); i++) {
+        char c = text[i];
+        if (c == '"') {
+            end_word();
+            size_t close = text.find('"', i + 1);
+            if (close == std::string::npos) return {};
+            words.push_back(text.substr(i, close - i + 1));
+            i = close;
+        } else if (c == '#' || text.compare(i, 2, "//") == 0) {
+            end_word();
+            i = std::min(text.find('\n', i), text.size());
+        } else if (text.compare(i, 2, "/*") == 0) {
+            end_word();
+            size_t close = text.find("*/", i + 2);
+            i = close == std::string::npos ? text.size() : close + 1;
+        } else if (c == '{' || c == '}' || c == ';') {
+            end_word();
+            words.push_back(std::string(1, c));
+        } else if (isspace((unsigned char)c)) {
+            end_word();
+        } else {
+            word += c;
+        }
+    }
+    end_word();
+    return words;
+}
+
+/* unquoted - a word without its quotes */
+static std::string unquoted(const std::string &word)
+{
+    return word.size() >= 2 && word[0] == '"' ? word.substr(1, word.size() - 2) : word;
+}
+
 TsigKey read_tsig_key(const std::string &path)
 {
     struct stat st;
@@ -361,28 +407,15 @@ TsigKey read_tsig_key(const std::string &path)
     if (!in) throw Problem("cannot read the TSIG key " + errno_text(path));
     std::stringstream all;
     all << in.rdbuf();
-    /* tsig-keygen's form: key "NAME" { algorithm ALG; secret "BASE64"; }; comments aside */
-    std::string text;
-    for (std::string line; std::getline(all, line);) {
-        size_t hash = line.find('#'), slashes = line.find("//");
-        text += line.substr(0, std::min(hash, slashes)) + "\n";
-    }
     TsigKey key;
-    auto quoted_after = [&](const std::string &word, size_t from) -> std::string {
-        size_t at = text.find(word, from);
-        if (at == std::string::npos) return "";
-        size_t open = text.find('"', at),
-               close = open == std::string::npos ? std::string::npos : text.find('"', open + 1);
-        return close == std::string::npos ? "" : text.substr(open + 1, close - open - 1);
-    };
-    key.name = dname(quoted_after("key", 0));
-    key.secret = quoted_after("secret", 0);
-    size_t alg = text.find("algorithm");
-    if (alg != std::string::npos) {
-        std::istringstream w(text.substr(alg + 9));
-        w >> key.algorithm;
-        if (!key.algorithm.empty() && key.algorithm.back() == ';') key.algorithm.pop_back();
-        key.algorithm = lower(key.algorithm);
+    std::vector<std::string> words = key_file_words(all.str());
+    for (size_t i = 0; i + 1 < words.size(); i++) {
+        if (words[i] == "key" && key.name.empty())
+            key.name = dname(unquoted(words[i + 1]));
+        else if (words[i] == "algorithm" && key.algorithm.empty())
+            key.algorithm = lower(unquoted(words[i + 1]));
+        else if (words[i] == "secret" && key.secret.empty() && words[i + 1][0] == '"')
+            key.secret = unquoted(words[i + 1]);
     }
     if (key.name.empty() || key.secret.empty() || key.algorithm.empty())
         throw Problem("the TSIG key " + path +
