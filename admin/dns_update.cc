@@ -389,10 +389,10 @@ static std::vector<std::string> key_file_words(const std::string &text)
     return words;
 }
 
-/* unquoted - a word without its quotes */
-static std::string unquoted(const std::string &word)
+/* quoted - the text of a quoted word; "" for a word that is not quoted */
+static std::string quoted(const std::string &word)
 {
-    return word.size() >= 2 && word[0] == '"' ? word.substr(1, word.size() - 2) : word;
+    return word[0] == '"' ? word.substr(1, word.size() - 2) : "";
 }
 
 TsigKey read_tsig_key(const std::string &path)
@@ -411,11 +411,11 @@ TsigKey read_tsig_key(const std::string &path)
     std::vector<std::string> words = key_file_words(all.str());
     for (size_t i = 0; i + 1 < words.size(); i++) {
         if (words[i] == "key" && key.name.empty())
-            key.name = dname(unquoted(words[i + 1]));
-        else if (words[i] == "algorithm" && key.algorithm.empty())
-            key.algorithm = lower(unquoted(words[i + 1]));
-        else if (words[i] == "secret" && key.secret.empty() && words[i + 1][0] == '"')
-            key.secret = unquoted(words[i + 1]);
+            key.name = dname(quoted(words[i + 1]));
+        else if (words[i] == "algorithm" && key.algorithm.empty() && words[i + 1] != ";")
+            key.algorithm = lower(words[i + 1]);
+        else if (words[i] == "secret" && key.secret.empty())
+            key.secret = quoted(words[i + 1]);
     }
     if (key.name.empty() || key.secret.empty() || key.algorithm.empty())
         throw Problem("the TSIG key " + path +
